@@ -1,0 +1,729 @@
+/* tilvarcm.h - the common runtime library of a server suite.
+ *
+ * One header, plain C11 (C++17 includes it too).  Every function that several servers of one process share, or that
+ * touches the operating system, is here: start-up from a configuration file, logging and alerts, memory pools, tables
+ * and lists, threads and a thread pool, files, sectioned configuration files, dates, and connections.
+ *
+ * What holds everywhere, said once:
+ *
+ *   Results     Functions return int16_t: 1 for success or "yes", 0 for failure or "no".  Anything else a function
+ *               gives back travels through its out_ arguments, which may be null where the caller does not want them.
+ *               Functions whose result is not a status say so.  The reason of a failure is not stored for the caller:
+ *               it is written to the log (cm_log) as one line that begins with the function's name.
+ *   Lengths     Lengths and counts are int32_t.  CM_LEN_TEXT (-3) means "NUL-terminated, measure it"; any other
+ *               negative length counts as nothing or fails.
+ *   Text        Bytes; UTF-8 by convention, and in paths on every system.  Letter case is folded for ASCII only, whatever
+ *               the locale.  Text that is handed to the log is data, never a format.
+ *   Values      cm_value is a number or a pointer of the caller's; where one operation of a function takes it in and
+ *               another gives it out, the out form is the address: CM_OUT(&variable), with variable a cm_value.
+ *   Null        A null record pointer fails quietly with 0 unless the function says otherwise.
+ *   Ownership   Whatever an open, init, alloc, create or connect handed out is given back by its close, exit, free,
+ *               delete or close; nothing else needs freeing.  Text that a function hands out lives as long as the pool,
+ *               table or handle it came from.  Texts that a caller hands in are copied unless the function says "kept".
+ *   Threads     Any thread may call any function; a record (pool, table, list, file, connection, scanner) belongs to one
+ *               thread at a time unless its section says which lock guards it.  cm_ctx_init and cm_ctx_exit belong to the
+ *               main thread.
+ *   Paths       "/" separates; "\\" and drive letters are understood.  A single leading "/" is NOT absolute for
+ *               cm_build_path and so for every configured directory: "/var/log" lies below the install root.  Absolute
+ *               are "//var/log" and "c:/logs".
+ *   Errors      Error numbers that reach a caller or a message are the Winsock numbers on every system (CM_E...).
+ *   Addresses   IPv4, uint32_t in network order; ports are host order.  Times are seconds since 1970 in uint32_t.
+ */
+#ifndef TILVARCM_H
+#define TILVARCM_H
+#include <stdint.h>
+#include <stdarg.h>
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(_WIN32)
+#  ifdef TILVARCM_BUILD
+#    define CM_API __declspec(dllexport)
+#  else
+#    define CM_API __declspec(dllimport)
+#  endif
+#  define CM_CALL __cdecl
+#else
+#  define CM_API __attribute__((visibility("default")))
+#  define CM_CALL
+#endif
+#if defined(__GNUC__) && defined(_WIN32)
+#  define CM_PRINTF(text, first) __attribute__((__format__(__gnu_printf__, text, first)))
+#elif defined(__GNUC__)
+#  define CM_PRINTF(text, first) __attribute__((__format__(__printf__, text, first)))
+#else
+#  define CM_PRINTF(text, first)
+#endif
+
+/* ---------- basic types and constants ---------- */
+typedef uintptr_t cm_value;              /* a number or a pointer of the caller's */
+#define CM_OUT(p)   ((cm_value)(p))      /* out argument of cm_*_entry */
+#define CM_LEN_TEXT (-3)
+
+#define CM_FATAL 10
+#define CM_ERROR 20
+#define CM_WARN  30
+#define CM_INFO  40
+#define CM_TRACE 50
+
+#define CTX_RESOLVE_NAMES      0x001
+#define CTX_DIAL_ON_DEMAND     0x002
+#define CTX_PERSISTENT_COOKIES 0x004
+#define CTX_NO_CONFIG          0x008
+#define CTX_SHUTDOWN           0x010
+#define CTX_DYNAMIC_IP_TEST    0x020
+#define CTX_LINGER_CLOSE       0x080
+#define CTX_DIAL_TRACE         0x100
+#define CTX_TRACE_PERF         0x200
+#define CTX_FLUSH_LOGS         0x400
+
+/* Open flags: the same numbers on every system.  No flag translates line ends. */
+#define CM_O_RDONLY 0x0000
+#define CM_O_WRONLY 0x0001
+#define CM_O_RDWR   0x0002
+#define CM_O_APPEND 0x0008
+#define CM_O_SEQ    0x0020
+#define CM_O_CREAT  0x0100
+#define CM_O_TRUNC  0x0200
+#define CM_O_EXCL   0x0400
+#define CM_O_BINARY 0x8000
+#define CM_ACCESS_EXISTS 0
+#define CM_ACCESS_WRITE  2
+#define CM_ACCESS_READ   4
+#define CM_SEEK_START    0
+#define CM_SEEK_CURRENT  1
+#define CM_SEEK_END      2
+
+/* operations of hash tables, key tables and lists */
+#define CM_OP_FIND 1
+#define CM_OP_SET 2
+#define CM_OP_DELETE 3
+#define CM_OP_FIRST 4
+#define CM_OP_NEXT 5
+#define CM_OP_DELETE_CURRENT 6
+#define CM_LIST_ADD 2
+#define CM_WALK_REMOVE 1
+#define CM_WALK_STOP_OK 2
+#define CM_WALK_STOP_FAIL 4
+
+
+/* ---------- opaque or foreign records ---------- */
+typedef struct cm_context cm_context;
+typedef struct cm_mem_pool cm_mem_pool;
+typedef struct cm_mem_block cm_mem_block;
+typedef struct cm_hash cm_hash;
+typedef struct cm_hash_entry_rec cm_hash_entry_rec;
+typedef struct cm_keytab cm_keytab;
+typedef struct cm_key_rec cm_key_rec;
+typedef struct cm_list cm_list;
+typedef struct cm_list_rec cm_list_rec;
+typedef struct cm_mutex cm_mutex;
+typedef struct cm_thread cm_thread;
+typedef struct cm_tpool cm_tpool;
+typedef struct cm_job cm_job;
+typedef struct cm_file cm_file;
+typedef struct cm_token cm_token;
+typedef struct cm_alert cm_alert;
+typedef struct cm_alert_ring cm_alert_ring;
+typedef struct cm_cron cm_cron;
+typedef struct cm_cron_rec cm_cron_rec;
+typedef struct cm_cron_fn cm_cron_fn;
+typedef struct cm_cache cm_cache;
+typedef struct cm_cache_rec cm_cache_rec;
+typedef struct cm_net_state cm_net_state;
+typedef struct cm_conn cm_conn;          
+typedef struct cm_dns_state cm_dns_state;
+typedef struct cm_sccs_ctx cm_sccs_ctx;
+typedef struct cm_dll_rec cm_dll_rec;
+
+/* ---------- callbacks ---------- */
+typedef void    (CM_CALL *cm_destroy_fn)(cm_value value);
+typedef int32_t (CM_CALL *cm_hash_visit_fn)(cm_hash *table, cm_value user, cm_hash_entry_rec *entry);
+typedef int16_t (CM_CALL *cm_props_callback)(cm_context *ctx, cm_value user, const char *name, const char *value);
+typedef int16_t (CM_CALL *cm_thread_fn)(cm_thread *self, cm_value argument);                 /* result ignored */
+typedef int16_t (CM_CALL *cm_job_fn)(cm_context *ctx, cm_conn *connection, cm_thread *self, cm_value argument); /* result ignored */
+typedef int16_t (CM_CALL *cm_task_fn)(cm_context *ctx, const char *name, cm_value argument); /* 1 = success */
+typedef void    (CM_CALL *cm_alert_fn)(cm_context *ctx, const cm_alert *alert);
+typedef void    (CM_CALL *cm_cache_free_fn)(void *data);
+
+/* ---------- network constants ---------- */
+#define CM_CONN_CLOSED    0x00001   /* closed or failed: every later call returns 0 */
+#define CM_CONN_DIALED    0x00020
+#define CM_CONN_FILE      0x00040
+#define CM_CONN_TLS       0x00080
+#define CM_CONN_BUSY      0x00100
+#define CM_CONN_DATAGRAM  0x00200
+#define CM_CONN_KTIMEOUT  0x00400
+#define CM_CONN_GZIP      0x01000
+#define CM_CONN_CHUNKED   0x02000
+#define CM_CONN_LOOPBACK  0x10000
+
+#define CM_NET_MAX_LISTENERS 31
+#define CM_NET_TLS_LOCKS     21
+#define CM_NET_IN_SIZE       4096
+#define CM_NET_OUT_SIZE      16000
+#define CM_NET_STAGE_ALLOC   16064
+#define CM_NET_STAGE_USED    15936
+
+#define CM_NTRACE_NONE      0
+#define CM_NTRACE_OPENCLOSE 1
+#define CM_NTRACE_PACKETS   2
+#define CM_NTRACE_SSL       3
+#define CM_NTRACE_STREAM    4
+
+/* error numbers that callers see, on every target */
+#define CM_EINTR        10004
+#define CM_EACCES       10013
+#define CM_EINVAL       10022
+#define CM_EMFILE       10024
+#define CM_EWOULDBLOCK  10035
+#define CM_EINPROGRESS  10036
+#define CM_ENOTSOCK     10038
+#define CM_EMSGSIZE     10040
+#define CM_EADDRINUSE   10048
+#define CM_EADDRNOTAVAIL 10049
+#define CM_ENETUNREACH  10051
+#define CM_ECONNABORTED 10053
+#define CM_ECONNRESET   10054
+#define CM_ENOTCONN     10057
+#define CM_ESHUTDOWN    10058
+#define CM_ETIMEDOUT    10060
+#define CM_ECONNREFUSED 10061
+#define CM_EHOSTUNREACH 10065
+
+#define CM_INADDR_NONE 0xFFFFFFFFu
+
+typedef intptr_t cm_socket;                  /* -1 = none; wide enough for SOCKET */
+typedef struct cm_poll_entry cm_poll_entry;
+typedef struct cm_net_notice cm_net_notice;
+
+/* ---------- context and start-up ---------- */
+#define CM_PERF_COUNTERS 13
+struct cm_context {
+    int32_t     thread_serial;
+    int32_t     idle_threads;            /* 10 */
+    int32_t     error_depth;
+    int32_t     log_size;                /* 10000 */
+    uint32_t    flags;                   /* CTX_LINGER_CLOSE | CTX_TRACE_PERF */
+    int32_t     net_trace_level;         /* 0 */
+    int32_t     trace_level;             /* 40 */
+    int32_t     throttle_ips;            /* 0 */
+    int32_t     max_connections;         /* 300 */
+    int32_t     max_threads;             /* 200 */
+    int32_t     net_read_timeout;        /* 180 */
+    double      start_time;
+    const char *config_dir;              /* "config" */
+    const char *root_dir;      int32_t root_len;
+    const char *log_dir;                 /* "log" */
+    const char *tmp_dir;                 /* "tmp" */
+    const char *net_log_file;            /* "network.log" */
+    const char *cookie_tag;    int32_t cookie_tag_len;     /* "RCuid", 5 */
+    int32_t     bind_address_len; const char *bind_address;
+    int32_t     dial_timeout;            /* 300 */
+    int32_t     dial_busy_timeout;       /* 300 */
+    const char *dial_entry;    int32_t dial_entry_len;
+    const char *dial_user;     int32_t dial_user_len;
+    const char *dial_password; int32_t dial_password_len;
+    const char *cipher_phrase;           /* "Quartz Ledger Private Phrase" */
+    const char *ntp_server;
+    const char *ntp_cron;
+    const char *ca_cert_file;
+    const char *key_file;                /* "key.pem" */
+    const char *cert_file;               /* "cert.pem" */
+    int32_t     cache_flush_interval;
+    int32_t     max_cached_file;
+    int32_t     file_cache_size;
+    int32_t     cache_stat_interval;
+    int32_t     cache_dns_interval;
+    cm_cache   *file_cache;
+    int32_t     aux_timeout;             /* 180 */
+    int32_t     sched_task_timeout;      /* 300 */
+    cm_alert_ring *alert_table;
+    cm_alert_fn alert_handler;
+    cm_dns_state *dns;
+    cm_sccs_ctx *sccs;
+    cm_dll_rec *dll_list;
+    cm_file    *log_file;
+    cm_mutex   *log_mutex;
+    cm_file    *net_log;
+    cm_mutex   *net_log_mutex;
+    cm_net_state *net_table;
+    cm_mutex   *thread_mutex;
+    cm_hash    *thread_table;            /* 541 buckets */
+    cm_thread  *thread_spare;
+    cm_mutex   *file_mutex;
+    cm_mem_pool *thread_pool_mem;        /* block size 256 */
+    cm_mem_pool *common_pool;            /* block size 1024 */
+    cm_cron    *cron;                    /* scheduler */
+    void       *ras;                     /* dial-up line */
+    cm_file    *file_free;               /* free file handles, under file_mutex */
+    int32_t     file_open;               /* open file handles, under file_mutex */
+    void       *cipher;                  /* two-way cipher */
+    void       *reserved[11];            /* the library's own */
+    /* by hour, minute, counter; the counters fill the block to its end */
+    uint32_t    perf[24][60][CM_PERF_COUNTERS];
+};
+
+CM_API int16_t CM_CALL cm_ctx_init(cm_context **out_ctx, const char *config_dir, const char *log_name, int16_t setup, int32_t *out_already);
+CM_API int16_t CM_CALL cm_ctx_exit(cm_context *ctx);
+CM_API int16_t CM_CALL cm_ctx_global(cm_context **out_ctx);
+CM_API int16_t CM_CALL cm_perf(cm_context *ctx, int32_t counter, uint32_t amount);
+CM_API int16_t CM_CALL cm__prop_load(cm_context *ctx, cm_value user, const char *key, const char *value);
+CM_API int16_t CM_CALL cm__perf(cm_context *ctx, const char *name, cm_value argument);
+CM_API void    CM_CALL cm__abort(int signal_number);
+
+/* ---------- log, errors, alerts ---------- */
+struct cm_alert {
+    const char *timestamp;   /* format of cm_timestamp */
+    const char *category;
+    const char *subject;
+    const char *message;
+    int32_t     connections;
+    int32_t     threads;
+};
+#define CM_ALERT_SLOTS 200
+typedef struct cm_alert_slot { uint32_t time; int32_t category; char subject[64]; char message[256]; } cm_alert_slot;
+struct cm_alert_ring { cm_mutex *mutex; cm_context *ctx; int32_t last; int32_t count; cm_alert_slot slot[CM_ALERT_SLOTS]; };
+/* alert categories: 1 Networking, 2 SMTP, 3 POP3, 4 IMAP4, 5 Mail Router, 6 HTTP, 7 FTP, 8 DBMS, 9 DHCP, 10 DNS, 11 Alert Daemon, else Undefined */
+
+CM_API void    CM_CALL cm_log(cm_context *ctx, int32_t level, const char *text, int32_t length);
+CM_API void    CM_CALL cm_logfile(cm_context *ctx, const char *heading, const char *path);
+CM_API int16_t CM_CALL cm_lwrite(cm_file *file, const char *text, int32_t length, int32_t size_limit, cm_mutex *mutex, int32_t mode);
+CM_API int16_t CM_CALL cm_lrotate(cm_file *file, cm_mutex *mutex, const char *name, const char *old_name, int16_t compress);
+CM_API int16_t CM_CALL cm_fopenl(cm_context *ctx, const char *name, int32_t open_flags, cm_file **out_file);
+CM_API int16_t CM_CALL cm_raise_error(cm_context *ctx, const char *source_file, int32_t source_line, const char *text);
+CM_API int16_t CM_CALL cm_return_trace(int16_t status, const char *where, int32_t line);
+CM_API int16_t CM_CALL cm_alerts_init(cm_context *ctx);
+CM_API int16_t CM_CALL cm_alerts_exit(cm_context *ctx);
+CM_API int16_t CM_CALL cm_alert_register(cm_context *ctx, ...);
+CM_API int16_t CM_CALL cm_alert_deregister(cm_context *ctx, ...);
+CM_API void    CM_CALL cm_alert_notify(cm_context *ctx, int32_t category, const char *subject, const char *message);
+
+/* ---------- memory pools ---------- */
+#define CM_POOL_MAGIC 0xAAA1u
+#define CM_POOL_GONE  0x9990u
+#define CM_BLOCK_MAGIC 0xBACEu
+#define CM_GUARD 0xDEADu
+struct cm_mem_block {        /* exactly 32 bytes, payload follows */
+    uint32_t size, used, magic;
+    uint32_t pad0;
+    cm_mem_block *next;      /* older block */
+    unsigned char pad1[32 - 16 - sizeof(void *)];
+};
+struct cm_mem_pool {
+    uint32_t       magic;
+    cm_mem_block  *current;
+    uint32_t       block_size;
+    uint32_t       used;
+    uint32_t       total;
+    uint32_t       limit;
+    unsigned char *payload;
+    cm_context    *owner;
+};
+CM_API int16_t CM_CALL cm_mem_init(cm_context *ctx, cm_mem_pool **out_pool, uint32_t block_size);
+CM_API void *  CM_CALL cm_mem_alloc(cm_mem_pool *pool, uint32_t size);
+CM_API int16_t CM_CALL cm_mem_free(cm_mem_pool *pool, void *piece);
+CM_API int16_t CM_CALL cm_mem_exit(cm_mem_pool *pool);
+CM_API int16_t CM_CALL cm_mem_savestr(cm_mem_pool *pool, const char *text, int32_t length, char **out_text, int32_t *out_length);
+CM_API int16_t CM_CALL cm_mem_savebin(cm_mem_pool *pool, const char *text, int32_t length, unsigned char **out_bytes, int32_t *out_length);
+CM_API int16_t CM_CALL cm__mem_getblock(cm_mem_pool *pool);
+
+/* ---------- hash tables ---------- */
+struct cm_hash_entry_rec {
+    int32_t            key_length;
+    char              *key;
+    cm_value           value;
+    cm_hash_entry_rec *next;
+    cm_hash_entry_rec *previous;
+    int32_t            capacity;   /* hidden: real size of the key buffer */
+};
+struct cm_hash {
+    int32_t             key_min;
+    uint32_t            buckets;
+    int32_t             entries;
+    int32_t             spare;
+    uint32_t            cursor_bucket[4];
+    cm_hash_entry_rec  *cursor_entry[4];
+    cm_hash_entry_rec  *free_list;
+    cm_mem_pool        *pool;
+    cm_hash_entry_rec **heads;     /* buckets + 1 */
+    cm_context         *owner;
+};
+CM_API int16_t CM_CALL cm_hash_alloc(cm_context *ctx, cm_mem_pool *pool, uint32_t buckets, cm_hash **out_table);
+CM_API int16_t CM_CALL cm_hash_free(cm_hash *table, cm_destroy_fn destroy);
+CM_API int16_t CM_CALL cm_hash_clear(cm_hash *table, cm_destroy_fn destroy);
+/* 1 find: value = cm_value* ; 2 set: the value ; 3 delete: cm_value* or 0 ; 4/5: key = const int32_t* cursor or null,
+   value = cm_hash_entry_rec** ; 6: key as 4/5, value = cm_value* or 0 */
+CM_API int16_t CM_CALL cm_hash_entry(cm_hash *table, int32_t operation, const void *key, int32_t key_length, cm_value value);
+CM_API int16_t CM_CALL cm_hash_walk(cm_hash *table, cm_value user, cm_hash_visit_fn visit);
+
+/* ---------- threads, mutexes, thread pool ---------- */
+struct cm_thread {
+    int32_t      serial;
+    int32_t      jobs;
+    cm_value     table_key;    /* address of the handle cell */
+    const char  *label;
+    cm_value     argument;     /* pool worker: connection of the running job, or 0 */
+    cm_value    *handle;       /* separately allocated cell with the OS handle */
+    cm_thread_fn function;
+    cm_context  *ctx;
+    cm_thread   *next;
+    void        *priv;         /* hidden: platform state */
+};
+struct cm_mutex {
+    int32_t     kind;          /* 1 */
+    void       *object;
+    cm_context *ctx;
+};
+struct cm_job {
+    cm_job     *next;
+    cm_value    argument;
+    cm_conn    *connection;
+    const char *label;
+    cm_job_fn   function;
+};
+struct cm_tpool {
+    int32_t       busy;
+    int32_t       busy_peak;
+    int32_t       workers;
+    int32_t       max_workers;
+    cm_job       *queue_head;
+    cm_job       *queue_tail;
+    cm_job       *job_spare;
+    cm_mutex     *lock;
+    cm_net_state *net;
+    cm_mem_pool  *pool;
+    cm_context   *ctx;
+    void         *wake;        /* auto-reset event "Tilvar Thread Pool" */
+    void         *priv;        /* hidden */
+};
+CM_API int16_t CM_CALL cm_create_thread(cm_context *ctx, cm_thread_fn function, cm_value argument, const char *label, cm_thread **out_thread);
+CM_API int16_t CM_CALL cm_terminate_thread(cm_thread *thread);
+CM_API int16_t CM_CALL cm_free_threads(cm_context *ctx);
+CM_API int16_t CM_CALL cm_waitfor_threads(cm_context *ctx);
+CM_API int16_t CM_CALL cm_create_mutex(cm_context *ctx, cm_mutex **out_mutex);
+CM_API int16_t CM_CALL cm_take_mutex(cm_mutex *mutex);
+CM_API int16_t CM_CALL cm_release_mutex(cm_mutex *mutex);
+CM_API int16_t CM_CALL cm_delete_mutex(cm_mutex *mutex);
+CM_API int16_t CM_CALL cm_tpool_init(cm_context *ctx, cm_net_state *net, cm_mem_pool *pool, int32_t max_workers, cm_tpool **out_tpool);
+CM_API int16_t CM_CALL cm_tpool_exec(cm_tpool *tpool, cm_conn *connection, cm_value argument, const char *label, cm_job_fn function);
+CM_API int16_t CM_CALL cm_tpool_exit(cm_tpool *tpool);
+
+/* ---------- token scanning ---------- */
+struct cm_token {
+    int32_t     position;
+    int32_t     length;
+    const char *text;
+};
+CM_API int16_t CM_CALL cm_token_get(cm_token *scanner, int16_t comma_mode, const char **out_text, int32_t max_length, int32_t *out_length);
+CM_API int16_t CM_CALL cm_token_find(cm_token *scanner, const char *word, int32_t length);
+CM_API int16_t CM_CALL cm_token_strchr(cm_token *scanner, char ch, int32_t *out_index);
+CM_API int16_t CM_CALL cm_token_findchr(cm_token *scanner, char ch, char stop_ch, int32_t *out_index);
+CM_API int16_t CM_CALL cm_token_findval(cm_token *scanner, const char *name, int32_t length, char *out_value, int32_t max_value, int32_t *out_length);
+CM_API int16_t CM_CALL cm_token_inlist(const char *list, int32_t list_length, const char *word, int32_t word_length, int16_t case_sensitive);
+CM_API int16_t CM_CALL cm_alnum_get(cm_token *scanner, const char *extra_chars, const char **out_text, int32_t max_length, int32_t *out_length);
+
+/* ---------- key tables and lists ---------- */
+struct cm_key_rec {
+    int32_t     key_length;
+    char       *key;
+    cm_value    value;
+    cm_key_rec *next;
+    cm_key_rec *previous;
+};
+struct cm_keytab {
+    cm_key_rec  *head;
+    cm_key_rec  *spare;
+    cm_mem_pool *pool;
+    cm_mutex    *lock;
+    cm_context  *owner;
+};
+struct cm_list_rec {
+    cm_value     spare;
+    cm_value     value;
+    cm_list_rec *next;
+};
+struct cm_list {
+    int32_t      count;
+    cm_list_rec *cursor[4];
+    cm_list_rec *head;
+    cm_mem_pool *pool;
+    cm_context  *owner;
+};
+CM_API int16_t CM_CALL cm_key_alloc(cm_context *ctx, cm_mem_pool *pool, cm_mutex *lock, cm_keytab **out_keytab);
+CM_API int16_t CM_CALL cm_key_free(cm_keytab *keytab, cm_destroy_fn destroy);
+CM_API int16_t CM_CALL cm_key_entry(cm_keytab *keytab, int32_t operation, const char *key, int32_t key_length, cm_value value);
+CM_API int16_t CM_CALL cm_list_alloc(cm_context *ctx, cm_mem_pool *pool, cm_list **out_list);
+CM_API int16_t CM_CALL cm_list_free(cm_list *list, cm_destroy_fn destroy);
+CM_API int16_t CM_CALL cm_list_entry(cm_list *list, int32_t operation, int32_t cursor, cm_value value);
+
+/* ---------- configuration files ---------- */
+typedef struct cm_prop_entry {
+    int32_t     name_length;
+    int32_t     value_length;   /* <= 0: no value */
+    const char *name;
+    const char *value;
+} cm_prop_entry;
+CM_API int16_t CM_CALL cm_props_load(cm_context *ctx, const char *file, const char *section, int32_t section_len, cm_value user, cm_props_callback callback);
+CM_API int16_t CM_CALL cm_next_section(cm_file *file_handle, char *name, int32_t *found);
+CM_API int16_t CM_CALL cm_next_entry(cm_file *file_handle, char *name, char *value, int32_t *found);
+CM_API int16_t CM_CALL cm_next_line(cm_file *file_handle, char *line, int32_t *found);
+CM_API int16_t CM_CALL cm_delete_section(cm_context *ctx, const char *file, const char *backup, const char *section, int32_t section_len, int32_t *deleted);
+CM_API int16_t CM_CALL cm_update_section(cm_context *ctx, const char *file, const char *backup, const char *section, int32_t section_len, const cm_prop_entry *entries, int32_t count);
+CM_API int16_t CM_CALL cm_replace_section(cm_context *ctx, const char *file, const char *backup, const char *section, int32_t section_len, const cm_prop_entry *entries, int32_t count);
+CM_API int16_t CM_CALL cm_delete_entry(cm_context *ctx, const char *file, const char *backup, const char *section, const char *name, int32_t *deleted);
+CM_API int16_t CM_CALL cm_update_entry(cm_context *ctx, const char *file, const char *backup, const char *section, const char *name, const char *value);
+
+/* ---------- files and directories ---------- */
+struct cm_file {
+    cm_file      *next;
+    const char   *buffer;        /* data being read */
+    char         *own_buffer;    /* 1025 bytes */
+    char         *push_back;     /* 1024 bytes, of the configuration reader */
+    cm_cache_rec *cache_entry;   /* the cached file that `buffer` reads, kind 2 */
+    cm_context   *ctx;
+    int32_t       descriptor;
+    int32_t       read_offset;
+    int32_t       available;
+    int32_t       total;
+    uint32_t      position;
+    int32_t       lines;
+    int32_t       name_length;   /* of the whole path, uncut */
+    char          name[256];     /* cut to 255 */
+    int32_t       kind;          /* 1 file, 2 cached, 3 memory */
+    int32_t       eof;
+    int32_t       push_length;
+    int32_t       open_mark;     /* 1 while open */
+    int32_t       fill;          /* bytes waiting in own_buffer to be written (log files) */
+};
+typedef struct cm_stat_rec { uint32_t index, mode, size, mtime, ctime, atime; } cm_stat_rec;
+typedef struct cm_dirent { int32_t kind; uint32_t mode; uint32_t links; uint32_t size; uint32_t mtime; char name[260]; } cm_dirent;
+typedef struct cm_dir  { void *search; int32_t path_length; char path[260]; int32_t have_first; void *find_record; } cm_dir;
+typedef struct cm_glob { int32_t path_length; char path[260]; void *search; int32_t have_first; void *find_record; } cm_glob;
+
+CM_API int16_t CM_CALL cm_fopen(cm_context *ctx, const char *path, int32_t flags, cm_file **handle_out);
+CM_API int16_t CM_CALL cm_fopenc(cm_context *ctx, const char *path, int32_t flags, cm_file **handle_out);
+CM_API int16_t CM_CALL cm_fopens(cm_context *ctx, const char *name, const char *text, int32_t length, cm_file **handle_out);
+CM_API int16_t CM_CALL cm_fread(cm_file *handle, void *buffer, int32_t count, int32_t *got);
+CM_API int16_t CM_CALL cm_fgetl(cm_file *handle, int16_t allow_long, char *line, int32_t size, int32_t *got, int32_t *full_length);
+CM_API int16_t CM_CALL cm_fwrite(cm_file *handle, const void *data, int32_t length, int32_t *written);
+CM_API int16_t CM_CALL cm_lseek(cm_file *handle, int32_t offset, int32_t whence);
+CM_API int16_t CM_CALL cm_fclose(cm_file *handle);
+CM_API int16_t CM_CALL cm_stat(cm_context *ctx, const char *path, int16_t use_cache, cm_stat_rec *record);
+CM_API int16_t CM_CALL cm_access(const char *path, int32_t mode);
+CM_API int16_t CM_CALL cm_isempty(const char *path);
+CM_API int16_t CM_CALL cm_isreadonly(const char *path);
+CM_API int16_t CM_CALL cm_isfile(cm_context *ctx, const char *path, int16_t use_cache);
+CM_API int16_t CM_CALL cm_isexe(cm_context *ctx, const char *path, int16_t use_cache);
+CM_API int16_t CM_CALL cm_isdirectory(const char *path);
+CM_API int16_t CM_CALL cm_rename(const char *from, const char *to);
+CM_API int16_t CM_CALL cm_unlink(const char *path, int32_t tries);
+CM_API int16_t CM_CALL cm_cp(cm_context *ctx, const char *from, const char *to);
+CM_API int16_t CM_CALL cm_ftruncate(cm_context *ctx, const char *path, int32_t size);
+CM_API int16_t CM_CALL cm_hexwrite(cm_file *handle, cm_mutex *mutex, const void *data, int32_t length);
+CM_API int16_t CM_CALL cm_build_path(cm_context *ctx, const char *directory, const char *name, char *out, int32_t size, int32_t *out_length);
+CM_API int16_t CM_CALL cm_cleanup_path(cm_context *ctx, const char *base, int32_t base_length, const char *relative, int32_t relative_length, char *out, int32_t size, int32_t *out_length);
+CM_API int16_t CM_CALL cm_opendir(const char *path, cm_dir *listing);
+CM_API int16_t CM_CALL cm_readdir(cm_dir *listing, cm_dirent *entry);
+CM_API int16_t CM_CALL cm_closedir(cm_dir *listing);
+CM_API int16_t CM_CALL cm_globinit(const char *directory, const char *pattern, cm_glob *listing);
+CM_API int16_t CM_CALL cm_globread(cm_glob *listing, cm_dirent *entry);
+CM_API int16_t CM_CALL cm_globfree(cm_glob *listing);
+CM_API int16_t CM_CALL cm_mkdir(const char *path);
+CM_API int16_t CM_CALL cm_rmdir(const char *path);
+CM_API uint32_t CM_CALL cm_dirsize(const char *path);   /* all bits set = cannot be examined */
+CM_API int32_t CM_CALL cm_dirfiles(const char *path);   /* -1 */
+CM_API int16_t CM_CALL cm_cpdir(cm_context *ctx, const char *from, const char *to);
+
+/* ---------- time ---------- */
+typedef struct cm_tm { int32_t sec, min, hour, mday, mon, year, wday, yday, isdst; } cm_tm;
+typedef struct cm_stamp { int32_t sec, min, hour, mday, wday, mon, year, yday; } cm_stamp; /* mon 1-12, year 4 digits, yday 1-366 */
+extern CM_API const char CM__MON[12][4];
+extern CM_API const char CM__DAY[7][4];
+CM_API int16_t  CM_CALL cm_time(uint32_t seconds, int16_t gmt, cm_tm *record);
+CM_API int16_t  CM_CALL cm_curmsec(uint32_t *out);
+CM_API uint32_t CM_CALL cm_cursec(uint32_t *out);       /* also returned */
+CM_API uint32_t CM_CALL cm_tm2sec(const cm_tm *record);
+CM_API int16_t  CM_CALL cm_datetime(int32_t code, char *buffer, int32_t size, int32_t *length_out);
+CM_API int16_t  CM_CALL cm_timestamp(cm_stamp *record_out, char *buffer, int32_t size, int32_t *length_out);
+CM_API int16_t  CM_CALL cm_timeISO8601(char *buffer, int32_t size, const cm_tm *record);
+CM_API int16_t  CM_CALL cm_time822(char *buffer, int32_t size, const cm_tm *record);
+CM_API int16_t  CM_CALL cm_curtime(uint32_t seconds, char *buffer, int32_t size);
+CM_API uint32_t CM_CALL cm_parsedatetime(const char *text);
+CM_API uint32_t CM_CALL cm_parsedate(const char *text);
+
+/* ---------- strings and random numbers ---------- */
+CM_API int32_t CM_CALL cm_snprintf(char *out, int32_t size, const char *format, ...) CM_PRINTF(3, 4);
+CM_API int32_t CM_CALL cm_vsnprintf(char *out, int32_t size, const char *format, va_list args) CM_PRINTF(3, 0);
+CM_API int32_t CM_CALL cm_strcasecmp(const char *a, const char *b);
+CM_API int32_t CM_CALL cm_strncasecmp(const char *a, const char *b, int32_t length);
+CM_API int32_t CM_CALL cm_strncpy(char *out, const char *in, int32_t size);
+CM_API int32_t CM_CALL cm_atoi(const char *text, int32_t length);
+CM_API double  CM_CALL cm_atof(const char *text, int32_t length);
+CM_API int32_t CM_CALL cm_random(int32_t low, int32_t high);
+
+/* ---------- ciphers and compression ---------- */
+CM_API int16_t CM_CALL cm_twowayinit(cm_context *ctx, const char *phrase);
+CM_API int16_t CM_CALL cm_twowayencrypt(cm_context *ctx, const char *text, int32_t length, char *out, int32_t size, int32_t *out_length);
+CM_API int16_t CM_CALL cm_twowaydecrypt(cm_context *ctx, const char *text, int32_t length, char *out, int32_t size, int32_t *out_length);
+CM_API int16_t CM_CALL cm_crypt(const char *text, const char *salt, char *out, int32_t size);
+CM_API int16_t CM_CALL cm_zlib_gzip(cm_context *ctx, const char *path);
+
+/* ---------- poll entry ---------- */
+struct cm_poll_entry {
+    cm_job_fn   handler;       /* called as handler(ctx, connection, thread, first argument) */
+    cm_conn    *listener;
+    cm_value    argument;      /* first argument: the job's argument, must not be 0 */
+    const char *label;         /* second argument: the job's label */
+};
+
+/* ---------- notice record of tag 1 ---------- */
+struct cm_net_notice {
+    int32_t     number[3];     /* the sender's own */
+    int32_t     length;        /* fourth number: text length; -3 lets the encoder measure */
+    const char *text;
+};
+typedef void (CM_CALL *cm_notice_fn)(cm_net_state *state, cm_conn *conn, const cm_net_notice *notice);
+
+/* ---------- connection handle ---------- */
+struct cm_conn {
+    cm_conn       *next;
+    cm_poll_entry *entry;          /* the poll entry that accepted it */
+    cm_socket     *sock;           /* cell, survives recycling */
+    cm_file       *file;           /* file-stream handles */
+    void          *ssl;            /* null when plain */
+    uint32_t       flags;
+    uint32_t       peer_port;      /* a listener: its bound local port */
+    uint32_t       local_port;     /* accepted: the listener's port; outgoing: 0 */
+    uint32_t       read_timeout;   /* seconds */
+    uint32_t       peer_addr;
+    uint32_t       bytes_sent;
+    void          *gz;             /* zlib stream */
+    unsigned char *gz_stage;       /* 16064 bytes, 15936 used */
+    int32_t        gz_staged;
+    uint32_t       gz_crc;
+    char           peer_text[16];
+    char           peer_host[256]; /* inline: pool text would leak per connection */
+    int32_t        peer_host_len;
+    /* report of a finished TLS handshake */
+    char           tls_version[16];
+    char           tls_cipher[64];
+    int32_t        tls_secret_bits;
+    int32_t        tls_alg_bits;
+    int32_t        in_index;
+    int32_t        in_count;
+    unsigned char  in_buf[CM_NET_IN_SIZE];
+    int32_t        out_count;
+    unsigned char  out_buf[CM_NET_STAGE_ALLOC];  /* 16000 + 2; 62 more for the encoder's limit of 16010 + head */
+    /* hidden */
+    int32_t        in_call;        /* calls in progress, for a forced close */
+    uint32_t       serial;         /* grows at each hand-out */
+};
+
+/* ---------- network state ---------- */
+typedef struct cm_tls_table cm_tls_table;    /* the 46 pointers, internal */
+struct cm_net_state {
+    int16_t         shutting_down;
+    int16_t         tls;
+    int32_t         open_count;
+    uint32_t        read_timeout;     /* 300 without a context */
+    int32_t         max_open;         /* 30 without a context */
+    int32_t         listener_count;
+    char           *host_name;
+    int32_t         host_name_len;
+    uint32_t        local_addr;
+    char            local_text[16];
+    void           *tls_module;       /* module handle and function table */
+    cm_tls_table   *tls_table;
+    void           *tls_ctx;          /* the one TLS context of the process */
+    cm_mutex      **tls_locks;        /* 22 slots, 21 mutexes, slot 21 null */
+    cm_conn        *free_list;
+    cm_conn        *in_use;
+    cm_poll_entry **entries;          /* 31 slots  */
+    cm_mutex       *table_mutex;
+    cm_mem_pool    *pool;
+    cm_context     *ctx;
+    /* hidden */
+    cm_notice_fn    notice;           /* tag 1 handler */
+    cm_socket       wake[2];
+    uint32_t        loopback;
+    int32_t         waiters;
+};
+
+/* ---------- start, stop ---------- */
+CM_API int16_t CM_CALL cm_net_init(cm_context *ctx, int16_t tls_wanted, cm_net_state **out_state);
+CM_API int16_t CM_CALL cm_net_initip(cm_context *ctx);
+CM_API int16_t CM_CALL cm_net_exit(cm_net_state *state);
+CM_API int16_t CM_CALL cm_net_shutdown(cm_net_state *state);
+CM_API int16_t CM_CALL cm_net_cancel(cm_net_state *state);
+CM_API int16_t CM_CALL cm_net_trace(cm_context *ctx, int32_t level);
+
+/* ---------- listeners and connections ---------- */
+CM_API int16_t CM_CALL cm_net_listen(cm_net_state *state, const char *bind_address, int32_t port, int32_t backlog, int32_t read_timeout, int16_t tls_wanted, cm_conn **out_listener);
+CM_API int16_t CM_CALL cm_net_listenc(cm_net_state *state, cm_conn *existing, int32_t backlog, int16_t tls_wanted, cm_conn **out_listener);
+CM_API int16_t CM_CALL cm_net_listenu(cm_net_state *state, const char *bind_address, int32_t port, cm_conn **out_listener);
+CM_API int16_t CM_CALL cm_net_accept(cm_net_state *state, cm_conn *listener, uint32_t flags, cm_conn **out_conn);   /* flags: OR-ed into the new handle, 0 in the loop */
+CM_API int16_t CM_CALL cm_net_poll(cm_net_state *state, cm_poll_entry *entries, int32_t count);
+CM_API int16_t CM_CALL cm_net_polladd(cm_net_state *state, const cm_poll_entry *entry);
+CM_API int16_t CM_CALL cm_net_connect(cm_net_state *state, const char *host, int32_t port, int32_t read_timeout, int16_t tls_wanted, int16_t allow_in_progress, cm_conn **out_conn, int32_t *out_error);
+CM_API int16_t CM_CALL cm_net_connecta(cm_net_state *state, const char *host, int32_t port, int32_t read_timeout, int16_t tls_wanted, int16_t allow_in_progress, cm_conn **out_conn, int32_t *out_error, int32_t local_port); /* local port last, 0 = any */
+CM_API int16_t CM_CALL cm_net_send(cm_net_state *state, cm_conn *conn, const void *data, int32_t length);
+CM_API int16_t CM_CALL cm_net_receive(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int32_t *out_count);
+CM_API int16_t CM_CALL cm_net_close(cm_net_state *state, cm_conn *conn, int16_t graceful);
+CM_API int16_t CM_CALL cm_net_closeall(cm_net_state *state);
+CM_API int16_t CM_CALL cm_net_isalive(cm_net_state *state, cm_conn *conn);
+
+/* ---------- buffered input and output ---------- */
+#define CM_TAG_NOTICE  1
+#define CM_TAG_INTEGER 2
+#define CM_TAG_BYTES   3
+#define CM_TAG_BYTES2  4
+#define CM_TAG_BOOL    5
+#define CM_TAG_RAW     6
+#define CM_TAG_NULL    9
+#define CM_TAG_END1    10
+#define CM_TAG_END2    12
+#define CM_TAG_END3    14
+
+CM_API int16_t CM_CALL cm_net_getarg(cm_net_state *state, cm_conn *conn, char delimiter, int16_t truncate, char *out_text, int32_t maximum, int32_t *out_length); /* out_text: maximum + 1 bytes; delimiter 0 = none */
+CM_API int16_t CM_CALL cm_net_read(cm_net_state *state, cm_conn *conn, int16_t fill, void *buffer, int32_t size, int32_t *out_count);
+CM_API int16_t CM_CALL cm_net_putdata(cm_net_state *state, cm_conn *conn, const void *data, int32_t length, int16_t final_piece);
+CM_API int16_t CM_CALL cm_net_putfile(cm_net_state *state, cm_conn *conn, const char *path, int32_t first, int32_t last, int16_t by_cache); /* by_cache set: cm_fopenc */
+CM_API int16_t CM_CALL cm_net_enddata(cm_net_state *state, cm_conn *conn);
+CM_API int16_t CM_CALL cm_net_fopen(cm_net_state *state, const char *path, cm_conn **out_conn);
+
+/* ---------- resolver ---------- */
+typedef int16_t (CM_CALL *cm_dns_hook)(cm_context *ctx, cm_value argument, const char *name, uint32_t *out_address);
+
+struct cm_dns_state {
+    int32_t     ttl;             /* 3600 */
+    uint32_t    timeout;         /* 90 */
+    uint16_t    flags;           /* 0x1: "DNS Wildcards" */
+    uint32_t    primary;
+    uint32_t    alternate;       /* never filled here */
+    const char *primary_text;    /* "DNS Primary" */
+    const char *secondary_text;  /* "DNS Secondary" */
+    const char *hosts_name;      /* "hosts" */
+    const char *hosts_path;
+    const char *mx_name;         /* "mxhosts" */
+    const char *mx_path;
+    void       *bucket[500];
+    cm_mutex   *mutex;
+    cm_dns_hook hook;
+    cm_value    hook_argument;
+};
+#define CM_DNS_WILDCARDS 0x1
+#define CM_DNS_BUFFER    512
+#define CM_DNS_NAME      256     /* out names: buffers of 256 bytes */
+
+CM_API int16_t CM_CALL cm_dns_init(cm_context *ctx);
+CM_API int16_t CM_CALL cm_dns_optimize(cm_context *ctx);
+CM_API int16_t CM_CALL cm_dns_exit(cm_context *ctx);
+CM_API int16_t CM_CALL cm_dns_gethostaddr(cm_context *ctx, const char *name, int16_t local_only, int16_t own_resolver, uint32_t *out_address1, uint32_t *out_address2, uint32_t *out_address3, uint32_t *out_address4); /* each may be null */
+CM_API int16_t CM_CALL cm_dns_gethostname(cm_context *ctx, uint32_t address, int16_t local_only, int16_t own_resolver, char *out_name);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,2 @@
+// What the tests share.
+#pragma once
