@@ -571,11 +571,12 @@ CM_API int16_t CM_CALL cm_crypt(const char *text, const char *salt, char *out, i
 CM_API int16_t CM_CALL cm_zlib_gzip(cm_context *ctx, const char *path);
 
 /* ---------- poll entry ---------- */
+/* One listener of the accept loop and who serves its connections. */
 struct cm_poll_entry {
-    cm_job_fn   handler;       /* called as handler(ctx, connection, thread, first argument) */
+    cm_job_fn   handler;       /* called as handler(ctx, connection, thread, argument); never closes its connection */
     cm_conn    *listener;
-    cm_value    argument;      /* first argument: the job's argument, must not be 0 */
-    const char *label;         /* second argument: the job's label */
+    cm_value    argument;      /* not 0: the thread pool drops jobs without an argument */
+    const char *label;         /* of the thread while it serves; kept */
 };
 
 /* ---------- notice record of tag 1 ---------- */
@@ -587,91 +588,157 @@ struct cm_net_notice {
 typedef void (CM_CALL *cm_notice_fn)(cm_net_state *state, cm_conn *conn, const cm_net_notice *notice);
 
 /* ---------- connection handle ---------- */
+/* A handle comes from listen, accept, connect and their kind, cleared to zeros, and goes back with cm_net_close, after
+ * which it is dead: it may be another connection at once.  One thread at a time reads, writes and closes it; closing it
+ * from another thread is safe and makes a waiting read or send fail.  `flags` are CM_CONN_ bits. */
 struct cm_conn {
-    cm_conn       *next;
-    cm_poll_entry *entry;          /* the poll entry that accepted it */
-    cm_socket     *sock;           /* cell, survives recycling */
-    cm_file       *file;           /* file-stream handles */
-    void          *ssl;            /* null when plain */
+    cm_conn       *next;           /* the table's lists, under its mutex */
+    cm_poll_entry *entry;          /* the poll entry that accepted it, else null */
+    cm_socket     *sock;           /* a cell that outlives the connection: -1 without a socket */
+    cm_file       *file;           /* CM_CONN_FILE: what sends go to */
+    void          *ssl;            /* TLS session, null when plain */
     uint32_t       flags;
     uint32_t       peer_port;      /* a listener: its bound local port */
     uint32_t       local_port;     /* accepted: the listener's port; outgoing: 0 */
     uint32_t       read_timeout;   /* seconds */
-    uint32_t       peer_addr;
-    uint32_t       bytes_sent;
-    void          *gz;             /* zlib stream */
-    unsigned char *gz_stage;       /* 16064 bytes, 15936 used */
+    uint32_t       peer_addr;      /* a listener: its local address */
+    uint32_t       bytes_sent;     /* counts on from 0 after 2^32 - 1 */
+    void          *gz;             /* compressor of a body under way */
+    unsigned char *gz_stage;
     int32_t        gz_staged;
     uint32_t       gz_crc;
-    char           peer_text[16];
-    char           peer_host[256]; /* inline: pool text would leak per connection */
+    char           peer_text[16];  /* peer_addr as dotted text */
+    char           peer_host[256]; /* the peer's name with "Resolve Host Names", else its dotted address */
     int32_t        peer_host_len;
-    /* report of a finished TLS handshake */
-    char           tls_version[16];
+    char           tls_version[16];    /* of a finished TLS handshake */
     char           tls_cipher[64];
     int32_t        tls_secret_bits;
     int32_t        tls_alg_bits;
-    int32_t        in_index;
+    int32_t        in_index;       /* in_buf[in_index, in_count) is received and not yet read */
     int32_t        in_count;
     unsigned char  in_buf[CM_NET_IN_SIZE];
     int32_t        out_count;
-    unsigned char  out_buf[CM_NET_STAGE_ALLOC];  /* 16000 + 2; 62 more for the encoder's limit of 16010 + head */
+    unsigned char  out_buf[CM_NET_STAGE_ALLOC];  /* 16000 and room for what the tagged encoder adds behind them */
     /* hidden */
-    int32_t        in_call;        /* calls in progress, for a forced close */
+    int32_t        in_call;        /* calls in progress, for a close from another thread */
     uint32_t       serial;         /* grows at each hand-out */
+    cm_conn      **link;           /* what points to it on the in-use list, under the table mutex */
+    int32_t        phase;          /* where it is between hand-out and the free list */
+    int32_t        job;            /* a worker of the accept loop owns it */
+    int32_t        listening;
+    cm_socket      parting;        /* the socket of a close that calls in progress hold up */
 };
 
 /* ---------- network state ---------- */
-typedef struct cm_tls_table cm_tls_table;    /* the 46 pointers, internal */
+/* The network of the process; there is one.  A handle of `free_list` is reused, never given back while it runs. */
+typedef struct cm_tls_table cm_tls_table;
 struct cm_net_state {
-    int16_t         shutting_down;
-    int16_t         tls;
-    int32_t         open_count;
-    uint32_t        read_timeout;     /* 300 without a context */
+    int16_t         shutting_down;    /* once set, every operation fails at its next look */
+    int16_t         tls;              /* cm_net_init was asked for TLS */
+    int32_t         open_count;       /* handles on the in-use list, under table_mutex */
+    uint32_t        read_timeout;     /* seconds, for handles that the layer takes for itself; 300 without a context */
     int32_t         max_open;         /* 30 without a context */
-    int32_t         listener_count;
+    int32_t         listener_count;   /* of the accept loop */
     char           *host_name;
     int32_t         host_name_len;
     uint32_t        local_addr;
-    char            local_text[16];
-    void           *tls_module;       /* module handle and function table */
+    char            local_text[16];   /* local_addr as dotted text, under table_mutex */
+    void           *tls_module;
     cm_tls_table   *tls_table;
-    void           *tls_ctx;          /* the one TLS context of the process */
-    cm_mutex      **tls_locks;        /* 22 slots, 21 mutexes, slot 21 null */
-    cm_conn        *free_list;
-    cm_conn        *in_use;
-    cm_poll_entry **entries;          /* 31 slots  */
+    void           *tls_ctx;          /* null: no TLS */
+    cm_mutex      **tls_locks;
+    cm_conn        *free_list;        /* under table_mutex */
+    cm_conn        *in_use;           /* newest first, under table_mutex */
+    cm_poll_entry **entries;          /* of the running accept loop, else null; under table_mutex */
     cm_mutex       *table_mutex;
     cm_mem_pool    *pool;
     cm_context     *ctx;
     /* hidden */
-    cm_notice_fn    notice;           /* tag 1 handler */
-    cm_socket       wake[2];
+    cm_notice_fn    notice;           /* handler of tag 1 */
+    cm_socket       wake[2];          /* wakes the accept loop */
+    cm_socket       stop[2];          /* wakes every wait once shutting_down is set */
     uint32_t        loopback;
-    int32_t         waiters;
+    int32_t         users;            /* what keeps the state's memory: the start, the loop, jobs, waiters */
+    int32_t         exited;
+    cm_poll_entry  *slots[CM_NET_MAX_LISTENERS];
+    cm_poll_entry   added[CM_NET_MAX_LISTENERS];
 };
 
 /* ---------- start, stop ---------- */
+/* The network is started once, after cm_ctx_init; a second start gives the same state.  It finds the host's name and
+ * address, prepares the table of "Maximum Connections" handles and, with tls_wanted, TLS, without which the start then
+ * fails.  A null context means defaults and the standard error stream for a log.
+ *
+ * To stop: shutdown (or cancel), then closeall, then exit.  Shutdown makes the accept loop return and every wait and
+ * later call fail.  Cancel does the same and gives running requests one and a half seconds.  Exit closes what is still
+ * open and frees the state; it waits up to two seconds for threads that are still inside the library with one of its
+ * handles.  Its second call returns 0.
+ *
+ * cm_net_initip looks name and address up again and logs what has changed. */
 CM_API int16_t CM_CALL cm_net_init(cm_context *ctx, int16_t tls_wanted, cm_net_state **out_state);
 CM_API int16_t CM_CALL cm_net_initip(cm_context *ctx);
 CM_API int16_t CM_CALL cm_net_exit(cm_net_state *state);
 CM_API int16_t CM_CALL cm_net_shutdown(cm_net_state *state);
 CM_API int16_t CM_CALL cm_net_cancel(cm_net_state *state);
+
+/* Opens the network log, created afresh, when `level` (CM_NTRACE_) is above 0 and it is not open; only changes the level
+ * when it is; closes it with level 0, after a second in which writers finish.  0: the file cannot be opened, level 0. */
 CM_API int16_t CM_CALL cm_net_trace(cm_context *ctx, int32_t level);
 
 /* ---------- listeners and connections ---------- */
+/* Whatever makes a handle waits, in steps of a second and without limit, while "Maximum Connections" handles are open.
+ * Give that setting room for what a request opens besides its own connection: if every handle is held by a request that
+ * waits for a second one, none of them goes on.
+ *
+ * Listeners.
+ *   bind_address  dotted text; null, or a text that does not parse: every address
+ *   port          0: any free one; `peer_port` of the listener tells which
+ *   read_timeout  seconds, for the connections it accepts
+ *   tls_wanted    their connections do the TLS handshake first; plain when TLS is not available
+ * cm_net_listenc listens on the local address of an existing connection and a free port.  A UDP listener's "connections"
+ * are datagrams of up to 4096 bytes: handles without a socket whose input buffer holds the datagram, answered through
+ * the listener. */
 CM_API int16_t CM_CALL cm_net_listen(cm_net_state *state, const char *bind_address, int32_t port, int32_t backlog, int32_t read_timeout, int16_t tls_wanted, cm_conn **out_listener);
 CM_API int16_t CM_CALL cm_net_listenc(cm_net_state *state, cm_conn *existing, int32_t backlog, int16_t tls_wanted, cm_conn **out_listener);
 CM_API int16_t CM_CALL cm_net_listenu(cm_net_state *state, const char *bind_address, int32_t port, cm_conn **out_listener);
-CM_API int16_t CM_CALL cm_net_accept(cm_net_state *state, cm_conn *listener, uint32_t flags, cm_conn **out_conn);   /* flags: OR-ed into the new handle, 0 in the loop */
+
+/* One connection or datagram of a listener, waiting for it; closing the listener ends the wait.  With "Throttle IPs" n,
+ * the n + 1st simultaneous connection of one address to one port is closed and 0 returned (127.0.0.1 is exempt).
+ *   flags  set in the new handle */
+CM_API int16_t CM_CALL cm_net_accept(cm_net_state *state, cm_conn *listener, uint32_t flags, cm_conn **out_conn);
+
+/* The accept loop: runs on the caller's thread until the network or the context stops, and starts and stops the thread
+ * pool whose workers serve the connections; where the pool cannot start, each connection gets a thread.  `entries` (1 to
+ * 31, else 0) are kept, not copied.  A context has one loop in its life, since the end of the pool stops the context.
+ * Reverse look-up and TLS handshake run on the worker, before the handler; the worker closes the connection after it.
+ *
+ * cm_net_polladd copies another entry into the running loop: 1, also when its listener is there already; 0 without a
+ * loop or with 31 entries. */
 CM_API int16_t CM_CALL cm_net_poll(cm_net_state *state, cm_poll_entry *entries, int32_t count);
 CM_API int16_t CM_CALL cm_net_polladd(cm_net_state *state, const cm_poll_entry *entry);
+
+/* An outgoing connection.
+ *   host               dotted text or a name, of which the first address is tried
+ *   read_timeout       seconds for the connect and for each later read
+ *   allow_in_progress  1: an answer of CM_EINPROGRESS is waited for as well
+ *   out_error          the socket error of a failure (CM_E...), 0 where there is none; may be null
+ *   local_port         the port to connect from, 0 for any */
 CM_API int16_t CM_CALL cm_net_connect(cm_net_state *state, const char *host, int32_t port, int32_t read_timeout, int16_t tls_wanted, int16_t allow_in_progress, cm_conn **out_conn, int32_t *out_error);
-CM_API int16_t CM_CALL cm_net_connecta(cm_net_state *state, const char *host, int32_t port, int32_t read_timeout, int16_t tls_wanted, int16_t allow_in_progress, cm_conn **out_conn, int32_t *out_error, int32_t local_port); /* local port last, 0 = any */
+CM_API int16_t CM_CALL cm_net_connecta(cm_net_state *state, const char *host, int32_t port, int32_t read_timeout, int16_t tls_wanted, int16_t allow_in_progress, cm_conn **out_conn, int32_t *out_error, int32_t local_port);
+
+/* Unbuffered transfer.  Send returns when all bytes are with the system.  Receive waits up to the handle's read time-out
+ * and gives what one read brings: 1 with a count of 0 means that the peer has closed.  A failure, a time-out and the
+ * peer's close mark the handle CM_CONN_CLOSED, after which every call fails without touching the socket. */
 CM_API int16_t CM_CALL cm_net_send(cm_net_state *state, cm_conn *conn, const void *data, int32_t length);
 CM_API int16_t CM_CALL cm_net_receive(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int32_t *out_count);
+
+/* Closing a null handle, or one that is closed already, is 1.  `graceful` reads off what the peer still sends, until it
+ * is quiet for a second, so that it gets the last reply; not with "Linger Close".  cm_net_closeall closes every handle by
+ * force, listeners included; the threads that own them still close their own. */
 CM_API int16_t CM_CALL cm_net_close(cm_net_state *state, cm_conn *conn, int16_t graceful);
 CM_API int16_t CM_CALL cm_net_closeall(cm_net_state *state);
+
+/* 1: the peer has not reset the connection; what it sent before may still be there to read. */
 CM_API int16_t CM_CALL cm_net_isalive(cm_net_state *state, cm_conn *conn);
 
 /* ---------- buffered input and output ---------- */
