@@ -537,20 +537,47 @@ CM_API int32_t CM_CALL cm_dirfiles(const char *path);   /* -1 */
 CM_API int16_t CM_CALL cm_cpdir(cm_context *ctx, const char *from, const char *to);
 
 /* ---------- time ---------- */
-typedef struct cm_tm { int32_t sec, min, hour, mday, mon, year, wday, yday, isdst; } cm_tm;
+/* Seconds are GMT.  0xFFFFFFFF is "the clock cannot be read"; 0 handed in means now, 0 given back is a rejection (so
+ * 1970-01-01 00:00:00 itself cannot be told from one).  Texts are the same in every locale, are cut to size - 1 bytes and
+ * terminated; on failure they are empty and the result is 0.  Nothing here writes to the log. */
+typedef struct cm_tm { int32_t sec, min, hour, mday, mon, year, wday, yday, isdst; } cm_tm; /* mon 0-11, year since 1900, wday 0 = Sunday, yday 0-365 */
 typedef struct cm_stamp { int32_t sec, min, hour, mday, wday, mon, year, yday; } cm_stamp; /* mon 1-12, year 4 digits, yday 1-366 */
-extern CM_API const char CM__MON[12][4];
-extern CM_API const char CM__DAY[7][4];
+extern CM_API const char CM__MON[12][4];  /* "Jan" ... "Dec" */
+extern CM_API const char CM__DAY[7][4];   /* "Sun" ... "Sat" */
+
+/* The calendar of `seconds`: in GMT when `gmt` is 1, else in local time.  On failure the record is zero but for mday 1. */
 CM_API int16_t  CM_CALL cm_time(uint32_t seconds, int16_t gmt, cm_tm *record);
+/* Milliseconds since 1970, wrapping every 49.7 days: for differences. */
 CM_API int16_t  CM_CALL cm_curmsec(uint32_t *out);
 CM_API uint32_t CM_CALL cm_cursec(uint32_t *out);       /* also returned */
+/* Seconds of a record that is GMT.  0: year outside 1970-2037, month outside 0-11, or before 1970.  Other fields may
+ * exceed their ranges and carry over; wday, yday and isdst are not read. */
 CM_API uint32_t CM_CALL cm_tm2sec(const cm_tm *record);
+
+/* The current time, local but for code 9:
+ *    1  Thu, 04 Jul 2002 09:05:00        6  day of month             11  Thu Jul 04 09:05:00 2002
+ *    2  weekday, 1 = Sunday              7  month, 1-12              12  zone offset, "02:00" or "-5:00"
+ *    3  hour                             8  year, four digits        13  02/07/04 09:05:00
+ *    4  minute                           9  as 1, in GMT             14  [2002-07-04 09:05:00]
+ *    5  second                          10  2002-07-04 09:05:00      15  seconds since 1970
+ * Codes 2 to 8 are written whatever `size` says: give them 12 bytes.  The second field of code 12 is what is left of the
+ * offset in seconds, 00 when above 100, so half-hour zones print 00 there (and west of Greenwich a negative number). */
 CM_API int16_t  CM_CALL cm_datetime(int32_t code, char *buffer, int32_t size, int32_t *length_out);
+/* The access-log stamp of the current local time, "[04/Jul/2002:09:05:00 +0200]", and its fields; either may be null.
+ * Half-hour zones print their whole hours. */
 CM_API int16_t  CM_CALL cm_timestamp(cm_stamp *record_out, char *buffer, int32_t size, int32_t *length_out);
+/* A GMT record (null: now) as "2002-07-04T09:05:00Z" and as "Thu, 04 Jul 2002 09:05:00 GMT".  A month or weekday outside
+ * its table fails; other fields are printed as they are. */
 CM_API int16_t  CM_CALL cm_timeISO8601(char *buffer, int32_t size, const cm_tm *record);
 CM_API int16_t  CM_CALL cm_time822(char *buffer, int32_t size, const cm_tm *record);
+/* `seconds` in the second of these forms. */
 CM_API int16_t  CM_CALL cm_curtime(uint32_t seconds, char *buffer, int32_t size);
+
+/* The date of an HTTP header in the forms of RFC 1123, RFC 850 and asctime, days of one digit too.  The day name is
+ * skipped unread (asctime needs one), whatever follows the date is ignored, the time counts as GMT.  Month names are
+ * matched by case; two-digit years below 70 are 20xx; second 60 and 61 pass. */
 CM_API uint32_t CM_CALL cm_parsedatetime(const char *text);
+/* "2002/7/4" or "7/4/2002" (month first), and nothing after it, at 00:00:00.  2002/2/31 passes as 3 March. */
 CM_API uint32_t CM_CALL cm_parsedate(const char *text);
 
 /* ---------- strings and random numbers ---------- */
