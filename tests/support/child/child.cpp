@@ -1,0 +1,62 @@
+// The program that tests start as a child; support.h tells its arguments.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "platform/platform.h"
+
+using cm::platform::kSystem;
+
+namespace {
+
+int print_words(int count, char **words) {
+    for (int i = 0; i < count; i++) printf("[%s]\n", words[i]);
+    return 0;
+}
+
+int echo() {
+    char buffer[4096];
+    while (const size_t got = fread(buffer, 1, sizeof buffer, stdin)) fwrite(buffer, 1, got, stdout);
+    return 0;
+}
+
+int print_descriptors() {
+    std::error_code none;
+    int count = 0;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd", none)) count += !entry.path().empty();
+    printf("%d\n", count > 0 ? count - 1 : 3);  // one is the listing's own
+    return 0;
+}
+
+int hold(int port) {
+    const unsigned char loopback[4] = {127, 0, 0, 1};
+    uint32_t address;
+    memcpy(&address, loopback, sizeof address);
+    cm_socket socket = cm::platform::kNoSocket;
+    kSystem.network_start();
+    if (kSystem.socket_open(cm::platform::SocketKind::kStream, &socket) != 0) return 1;
+    if (kSystem.socket_connect(socket, address, port) != 0) return 1;
+    std::this_thread::sleep_for(std::chrono::seconds(60));
+    return 0;
+}
+
+}  // namespace
+
+int main(int count, char **words) {
+    const std::string what = count > 1 ? words[1] : "";
+    const char *argument = count > 2 ? words[2] : "";
+    if (what == "print") return print_words(count - 2, words + 2);
+    if (what == "exit") return atoi(argument);
+    if (what == "echo") return echo();
+    if (what == "error") return fprintf(stderr, "%s", argument) < 0;
+    if (what == "folder") return printf("%s\n", std::filesystem::current_path().generic_string().c_str()) < 0;
+    if (what == "descriptors") return print_descriptors();
+    if (what == "hold") return hold(atoi(argument));
+    if (what == "nest") return system((std::string(words[0]) + " hold " + argument).c_str());
+    return 99;
+}

@@ -1,0 +1,116 @@
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "support/support.h"
+
+namespace cm::test {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+fs::path native(const std::string &text) {
+    return fs::path(std::u8string(text.begin(), text.end()));
+}
+
+std::string portable(const fs::path &path) {
+    const std::u8string text = path.generic_u8string();
+    return {text.begin(), text.end()};
+}
+
+}  // namespace
+
+TempFolder::TempFolder() {
+    std::random_device random;
+    std::error_code ignored;
+    for (;;) {
+        const fs::path made = fs::temp_directory_path() / ("cm_test_" + std::to_string(random()));
+        if (!fs::create_directory(made, ignored)) continue;
+        path_ = portable(made);
+        return;
+    }
+}
+
+TempFolder::~TempFolder() {
+    std::error_code ignored;
+    fs::remove_all(native(path_), ignored);
+}
+
+std::string TempFolder::path(std::string_view name) const {
+    return name.empty() ? path_ : path_ + "/" + std::string(name);
+}
+
+std::string TempFolder::absolute(std::string_view name) const {
+    const std::string whole = path(name);
+    return whole.size() > 1 && whole[0] == '/' && whole[1] != '/' ? "/" + whole : whole;
+}
+
+std::string TempFolder::write(std::string_view name, std::string_view bytes) const {
+    const std::string whole = path(name);
+    std::error_code ignored;
+    fs::create_directories(native(whole).parent_path(), ignored);
+    std::ofstream out(native(whole), std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    return whole;
+}
+
+std::string TempFolder::read(std::string_view name) const {
+    std::ifstream in(native(path(name)), std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+bool TempFolder::exists(std::string_view name) const {
+    std::error_code ignored;
+    return fs::exists(fs::symlink_status(native(path(name)), ignored));
+}
+
+std::string TempFolder::make_folder(std::string_view name) const {
+    std::error_code ignored;
+    fs::create_directories(native(path(name)), ignored);
+    return path(name);
+}
+
+void TempFolder::remove(std::string_view name) const {
+    std::error_code ignored;
+    fs::remove_all(native(path(name)), ignored);
+}
+
+std::vector<std::string> TempFolder::names(std::string_view folder) const {
+    std::vector<std::string> out;
+    std::error_code error;
+    for (const auto &entry : fs::directory_iterator(native(path(folder)), error))
+        out.push_back(portable(entry.path().filename()));
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+std::vector<std::string> lines_of(std::string_view text) {
+    std::vector<std::string> out;
+    while (!text.empty()) {
+        const size_t end = std::min(text.find('\n'), text.size());
+        std::string_view line = text.substr(0, end);
+        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+        out.emplace_back(line);
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return out;
+}
+
+std::vector<std::string> log_lines(const std::string &path) {
+    std::ifstream in(native(path), std::ios::binary);
+    std::vector<std::string> out = lines_of(std::string(std::istreambuf_iterator<char>(in), {}));
+    constexpr size_t kStamp = std::string_view("[2001-09-09 01:46:40] ").size();
+    for (std::string &line : out)
+        if (line.size() >= kStamp && line[0] == '[' && line.compare(kStamp - 2, 2, "] ") == 0) line.erase(0, kStamp);
+    return out;
+}
+
+std::string child_program() {
+    return CM_TEST_CHILD;
+}
+
+}  // namespace cm::test

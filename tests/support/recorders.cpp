@@ -1,0 +1,207 @@
+#include <stdio.h>
+
+#include <mutex>
+
+#include "support/support.h"
+
+namespace cm::test {
+
+using platform::Error;
+using platform::os;
+using platform::Table;
+
+// ---- CallRecorder ---------------------------------------------------------------------------------------------------
+
+namespace {
+
+Table below;
+std::mutex calls_mutex;  // guards what follows
+std::string cut;
+std::vector<std::string> calls;
+std::map<int32_t, std::string> names;  // of open descriptors
+
+std::string shorter(std::string_view path) {
+    return std::string(!cut.empty() && path.starts_with(cut) ? path.substr(cut.size()) : path);
+}
+
+Error note(std::string line, Error error) {
+    if (error != 0) line += " = " + std::to_string(error);
+    calls.push_back(std::move(line));
+    return error;
+}
+
+// Takes the lock, so that a line's place is that of its call.
+template <class Call>
+Error noted(const std::string &line, Call call) {
+    std::lock_guard guard(calls_mutex);
+    return note(line, call());
+}
+
+template <class Call>
+Error noted_path(const char *word, const char *path, Call call) {
+    std::lock_guard guard(calls_mutex);
+    return note(std::string(word) + " " + shorter(path), call());
+}
+
+template <class Call>
+Error noted_pair(const char *word, const char *from, const char *to, Call call) {
+    std::lock_guard guard(calls_mutex);
+    return note(std::string(word) + " " + shorter(from) + " " + shorter(to), call());
+}
+
+Error file_open(const char *path, int32_t flags, int32_t *out) {
+    return noted_path((flags & CM_O_CREAT) != 0 ? "create" : "open", path, [&] {
+        const Error error = below.file_open(path, flags, out);
+        if (error == 0) names[*out] = shorter(path);
+        return error;
+    });
+}
+
+Error file_close(int32_t descriptor) {
+    std::lock_guard guard(calls_mutex);
+    const std::string line = "close " + names[descriptor];
+    names.erase(descriptor);
+    return note(line, below.file_close(descriptor));
+}
+
+Error file_write(int32_t descriptor, const void *data, size_t count, size_t *out) {
+    std::lock_guard guard(calls_mutex);
+    const Error error = below.file_write(descriptor, data, count, out);
+    return note("write " + names[descriptor] + " " + std::to_string(*out), error);
+}
+
+Error file_resize(int32_t descriptor, int64_t size) {
+    std::lock_guard guard(calls_mutex);
+    return note("resize " + names[descriptor] + " " + std::to_string(size), below.file_resize(descriptor, size));
+}
+
+Error file_sync(int32_t descriptor) {
+    std::lock_guard guard(calls_mutex);
+    return note("sync " + names[descriptor], below.file_sync(descriptor));
+}
+
+Error path_set_mode(const char *path, uint32_t mode) {
+    char digits[16];
+    snprintf(digits, sizeof digits, " %04o", mode);
+    return noted("mode " + shorter(path) + digits, [&] { return below.path_set_mode(path, mode); });
+}
+
+Error path_rename(const char *from, const char *to) {
+    return noted_pair("rename", from, to, [&] { return below.path_rename(from, to); });
+}
+Error path_link(const char *from, const char *to) {
+    return noted_pair("link", from, to, [&] { return below.path_link(from, to); });
+}
+Error path_remove(const char *path) {
+    return noted_path("remove", path, [&] { return below.path_remove(path); });
+}
+Error directory_create(const char *path) {
+    return noted_path("mkdir", path, [&] { return below.directory_create(path); });
+}
+Error directory_remove(const char *path) {
+    return noted_path("rmdir", path, [&] { return below.directory_remove(path); });
+}
+Error directory_sync(const char *path) {
+    return noted_path("sync-folder", path, [&] { return below.directory_sync(path); });
+}
+
+}  // namespace
+
+CallRecorder::CallRecorder(const std::string &strip) : saved_(os) {
+    below = os;
+    cut = strip;
+    calls.clear();
+    names.clear();
+    os.file_open = file_open;
+    os.file_close = file_close;
+    os.file_write = file_write;
+    os.file_resize = file_resize;
+    os.file_sync = file_sync;
+    os.path_set_mode = path_set_mode;
+    os.path_rename = path_rename;
+    os.path_link = path_link;
+    os.path_remove = path_remove;
+    os.directory_create = directory_create;
+    os.directory_remove = directory_remove;
+    os.directory_sync = directory_sync;
+}
+
+CallRecorder::~CallRecorder() {
+    os = saved_;
+}
+
+std::vector<std::string> CallRecorder::lines(std::string_view containing) const {
+    std::lock_guard guard(calls_mutex);
+    std::vector<std::string> out;
+    for (const std::string &line : calls)
+        if (line.find(containing) != std::string::npos) out.push_back(line);
+    return out;
+}
+
+std::string CallRecorder::text(std::string_view containing) const {
+    std::string out;
+    for (const std::string &line : lines(containing)) out += line + "\n";
+    return out;
+}
+
+void CallRecorder::clear() {
+    std::lock_guard guard(calls_mutex);
+    calls.clear();
+}
+
+// ---- StandardErrorCapture -------------------------------------------------------------------------------------------
+
+namespace {
+
+std::mutex errors_mutex;
+std::string errors;
+
+}  // namespace
+
+StandardErrorCapture::StandardErrorCapture() : saved_(os) {
+    errors.clear();
+    os.write_standard_error = [](const char *text, size_t length) {
+        std::lock_guard guard(errors_mutex);
+        errors.append(text, length);
+    };
+}
+
+StandardErrorCapture::~StandardErrorCapture() {
+    os = saved_;
+}
+
+std::string StandardErrorCapture::text() const {
+    std::lock_guard guard(errors_mutex);
+    return errors;
+}
+
+std::string captured_standard_error(const std::function<void()> &run) {
+    StandardErrorCapture capture;
+    run();
+    return capture.text();
+}
+
+// ---- Environment ----------------------------------------------------------------------------------------------------
+
+namespace {
+
+const char *(*environment_below)(const char *);
+std::map<std::string, std::string> variables;
+
+}  // namespace
+
+Environment::Environment(std::map<std::string, std::string> values) : saved_(os) {
+    environment_below = os.environment;
+    variables = std::move(values);
+    os.environment = [](const char *name) -> const char * {
+        const auto found = variables.find(name);
+        if (found == variables.end()) return environment_below(name);
+        return found->second.empty() ? nullptr : found->second.c_str();
+    };
+}
+
+Environment::~Environment() {
+    os.environment = saved_.environment;
+}
+
+}  // namespace cm::test
