@@ -1,0 +1,2 @@
+set(TILVARCM_WINDOWS_ARCH i686)
+include(${CMAKE_CURRENT_LIST_DIR}/toolchain-windows.cmake)

@@ -1,0 +1,32 @@
+# mingw-w64 with posix threads; programs run under Wine.  What the target needs beyond Debian's mingw packages is built by
+# scripts/windows-packages into TILVARCM_WINDOWS_PACKAGES (default: a folder of the user's cache).
+
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR ${TILVARCM_WINDOWS_ARCH})
+set(CMAKE_C_COMPILER ${TILVARCM_WINDOWS_ARCH}-w64-mingw32-gcc-posix)
+set(CMAKE_CXX_COMPILER ${TILVARCM_WINDOWS_ARCH}-w64-mingw32-g++-posix)
+set(CMAKE_RC_COMPILER ${TILVARCM_WINDOWS_ARCH}-w64-mingw32-windres)
+
+if(DEFINED ENV{TILVARCM_WINDOWS_PACKAGES})
+  set(TILVARCM_WINDOWS_PACKAGES $ENV{TILVARCM_WINDOWS_PACKAGES})
+elseif(DEFINED ENV{XDG_CACHE_HOME})
+  set(TILVARCM_WINDOWS_PACKAGES $ENV{XDG_CACHE_HOME}/tilvarcm)
+else()
+  set(TILVARCM_WINDOWS_PACKAGES $ENV{HOME}/.cache/tilvarcm)
+endif()
+
+set(CMAKE_FIND_ROOT_PATH /usr/${TILVARCM_WINDOWS_ARCH}-w64-mingw32 ${TILVARCM_WINDOWS_PACKAGES}/${TILVARCM_WINDOWS_ARCH})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# The archive, so that the library needs the system's own libraries only.
+set(ZLIB_LIBRARY /usr/${TILVARCM_WINDOWS_ARCH}-w64-mingw32/lib/libz.a CACHE FILEPATH "")
+set(CMAKE_EXE_LINKER_FLAGS_INIT -static)
+set(CMAKE_SHARED_LINKER_FLAGS_INIT -static)
+
+find_program(TILVARCM_WINE NAMES wine64 wine)
+if(TILVARCM_WINE AND TILVARCM_WINDOWS_ARCH STREQUAL x86_64)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/under-wine)
+endif()
