@@ -274,26 +274,72 @@ CM_API int16_t CM_CALL cm__perf(cm_context *ctx, const char *name, cm_value argu
 CM_API void    CM_CALL cm__abort(int signal_number);
 
 /* ---------- log, errors, alerts ---------- */
-struct cm_alert {
-    const char *timestamp;   /* format of cm_timestamp */
-    const char *category;
-    const char *subject;
-    const char *message;
-    int32_t     connections;
-    int32_t     threads;
-};
-#define CM_ALERT_SLOTS 200
-typedef struct cm_alert_slot { uint32_t time; int32_t category; char subject[64]; char message[256]; } cm_alert_slot;
-struct cm_alert_ring { cm_mutex *mutex; cm_context *ctx; int32_t last; int32_t count; cm_alert_slot slot[CM_ALERT_SLOTS]; };
-/* alert categories: 1 Networking, 2 SMTP, 3 POP3, 4 IMAP4, 5 Mail Router, 6 HTTP, 7 FTP, 8 DBMS, 9 DHCP, 10 DNS, 11 Alert Daemon, else Undefined */
-
+/* One line to the log of the process: date and time, the level's name, the text, as long as they fit into 992 bytes
+ * together; a line feed is added unless the cut text ends with one.  Lines above the context's trace level are dropped.
+ * With a null context the started one is used; without any, and until the log is open, the text goes to the standard
+ * error stream.  After "Log Size" lines the log overwrites itself from the top. */
 CM_API void    CM_CALL cm_log(cm_context *ctx, int32_t level, const char *text, int32_t length);
+
+/* A digest of a file in the log: the heading with date and time, then each 1024 bytes of the file as one line, cut as
+ * above.  Other threads' lines may come between. */
 CM_API void    CM_CALL cm_logfile(cm_context *ctx, const char *heading, const char *path);
+
+/* One line to a log file.  Lines gather in the file's buffer of 1024 bytes and go out together.
+ *   length      0 and below: nothing is added, and with mode 1 what has gathered goes out
+ *   size_limit  after so many lines the file is overwritten from its start, without being cut; 0: never
+ *   mutex       held over the call; null: the caller sees to it
+ *   mode        sum of 1: write at once, 2: date, time and a blank first (they are not part of the 992 bytes)
+ * Result: 0 when the file is not open; a failed write is not told.  With a null file the text goes to the standard
+ * error stream and the result is 0. */
 CM_API int16_t CM_CALL cm_lwrite(cm_file *file, const char *text, int32_t length, int32_t size_limit, cm_mutex *mutex, int32_t mode);
+
+/* Renames an open log file `name` to `old_name`, both in the log directory, and goes on with an empty one.  Lines still
+ * in the buffer reach the new file: cm_lwrite with length 0 and mode 1 writes them to the old one before.
+ *   old_name  null: the old lines are given up
+ *   compress  1: the old file becomes a gzip file of the same name
+ * 0: not open, or the new file cannot be opened; `file` is then closed. */
 CM_API int16_t CM_CALL cm_lrotate(cm_file *file, cm_mutex *mutex, const char *name, const char *old_name, int16_t compress);
+
+/* Opens a log file of the log directory.  An existing "x.log" is renamed to "x.old" before, unless the flags are exactly
+ * CM_O_CREAT | CM_O_APPEND | CM_O_RDWR. */
 CM_API int16_t CM_CALL cm_fopenl(cm_context *ctx, const char *name, int32_t open_flags, cm_file **out_file);
+
+/* For the caller's own failures.  cm_raise_error logs a text with its place in the source; 0: it was called from within
+ * itself more than five times.  cm_return_trace gives `status` back and logs the place when it is 0, so that
+ * `return cm_return_trace(status, __FILE__, __LINE__)` leaves a trail. */
 CM_API int16_t CM_CALL cm_raise_error(cm_context *ctx, const char *source_file, int32_t source_line, const char *text);
 CM_API int16_t CM_CALL cm_return_trace(int16_t status, const char *where, int32_t line);
+
+/* What the context's `alert_handler` is given; it lives as long as that call. */
+struct cm_alert {
+    const char *timestamp;   /* as cm_timestamp writes it */
+    const char *category;    /* its name */
+    const char *subject;
+    const char *message;     /* in full */
+    int32_t     connections; /* open now */
+    int32_t     threads;     /* in the thread table now */
+};
+#define CM_ALERT_SLOTS 200
+typedef struct cm_alert_slot {
+    uint32_t time;
+    int32_t  category;
+    char     subject[64];    /* not terminated after a shorter text: the rest is an older alert's */
+    char     message[256];
+} cm_alert_slot;
+struct cm_alert_ring {
+    cm_mutex      *mutex;    /* guards the rest */
+    cm_context    *ctx;
+    int32_t        last;     /* 1-based slot of the newest, 0 for none */
+    int32_t        count;    /* filled slots */
+    cm_alert_slot  slot[CM_ALERT_SLOTS];
+};
+
+/* The last 200 alerts, from cm_alerts_init (which start-up calls) to cm_alerts_exit.  cm_alert_notify keeps the first 63
+ * and 255 bytes of subject and message, then calls the handler on the same thread, without a lock; a handler that raises
+ * alerts itself is called for those, too, up to five deep.
+ *   category  1 Networking, 2 SMTP, 3 POP3, 4 IMAP4, 5 Mail Router, 6 HTTP, 7 FTP, 8 DBMS, 9 DHCP, 10 DNS,
+ *             11 Alert Daemon, else Undefined
+ * An application sets the handler in the context; cm_alert_register and cm_alert_deregister do nothing and give 1. */
 CM_API int16_t CM_CALL cm_alerts_init(cm_context *ctx);
 CM_API int16_t CM_CALL cm_alerts_exit(cm_context *ctx);
 CM_API int16_t CM_CALL cm_alert_register(cm_context *ctx, ...);
@@ -359,17 +405,19 @@ CM_API int16_t CM_CALL cm_hash_entry(cm_hash *table, int32_t operation, const vo
 CM_API int16_t CM_CALL cm_hash_walk(cm_hash *table, cm_value user, cm_hash_visit_fn visit);
 
 /* ---------- threads, mutexes, thread pool ---------- */
+/* A record is in the context's thread table while its thread runs and is used again for later ones; it is valid until
+ * its thread has ended. */
 struct cm_thread {
-    int32_t      serial;
-    int32_t      jobs;
-    cm_value     table_key;    /* address of the handle cell */
-    const char  *label;
+    int32_t      serial;       /* 0 to 999998, then 0 again */
+    int32_t      jobs;         /* that a pool worker has run: up to 999999, then 1 again */
+    cm_value     table_key;    /* address of the handle cell; its bytes are the key in the table */
+    const char  *label;        /* kept */
     cm_value     argument;     /* pool worker: connection of the running job, or 0 */
-    cm_value    *handle;       /* separately allocated cell with the OS handle */
+    cm_value    *handle;       /* separately allocated cell with the system's thread */
     cm_thread_fn function;
     cm_context  *ctx;
-    cm_thread   *next;
-    void        *priv;         /* hidden: platform state */
+    cm_thread   *next;         /* on the list of spare records */
+    int32_t      state;        /* hidden: who gives the record back */
 };
 struct cm_mutex {
     int32_t     kind;          /* 1 */
@@ -382,30 +430,60 @@ struct cm_job {
     cm_conn    *connection;
     const char *label;
     cm_job_fn   function;
+    uint32_t    serial;        /* hidden: the connection's when it was queued */
 };
+/* All but the fixed fields is guarded by `lock`. */
 struct cm_tpool {
-    int32_t       busy;
+    int32_t       busy;        /* workers that run a job */
     int32_t       busy_peak;
     int32_t       workers;
     int32_t       max_workers;
     cm_job       *queue_head;
     cm_job       *queue_tail;
     cm_job       *job_spare;
-    cm_mutex     *lock;
+    cm_mutex     *lock;        /* null once the pool is closed */
     cm_net_state *net;
     cm_mem_pool  *pool;
     cm_context   *ctx;
     void         *wake;        /* auto-reset event "Tilvar Thread Pool" */
-    void         *priv;        /* hidden */
+    void         *crew;        /* hidden: what the workers share */
+    int32_t       submitters;  /* hidden: calls of cm_tpool_exec in progress */
 };
+
+/* Starts a thread that calls function(record, argument).  A null context keeps it out of any table.  0 also when the
+ * table holds "Maximum Threads" threads and no spare record is left.  `out_thread` is set before the thread starts.
+ *
+ * cm_terminate_thread asks a thread to end, which makes its waits in this library come back at once, gives it two
+ * seconds, then stops it for good where it holds none of the library's locks; what it had open stays open.  0: it could
+ * not be stopped.  A thread that names itself is only asked.
+ *
+ * cm_free_threads does that to all threads of the table but the caller's, with two seconds for all of them, and frees
+ * the records of those that ended.  Their entries stay in the table, with the value 0.  0: one of them still runs.
+ *
+ * cm_waitfor_threads waits up to 45 seconds for the table to be empty.  1: it is. */
 CM_API int16_t CM_CALL cm_create_thread(cm_context *ctx, cm_thread_fn function, cm_value argument, const char *label, cm_thread **out_thread);
 CM_API int16_t CM_CALL cm_terminate_thread(cm_thread *thread);
 CM_API int16_t CM_CALL cm_free_threads(cm_context *ctx);
 CM_API int16_t CM_CALL cm_waitfor_threads(cm_context *ctx);
+
+/* In-process locks; the thread that holds one may take it again.  Delete one only when nobody holds or awaits it. */
 CM_API int16_t CM_CALL cm_create_mutex(cm_context *ctx, cm_mutex **out_mutex);
 CM_API int16_t CM_CALL cm_take_mutex(cm_mutex *mutex);
 CM_API int16_t CM_CALL cm_release_mutex(cm_mutex *mutex);
 CM_API int16_t CM_CALL cm_delete_mutex(cm_mutex *mutex);
+
+/* A pool starts with the context's `idle_threads` workers, takes on another one with each job that comes while three or
+ * fewer are idle, up to max_workers, and lets them go when the load is over.  Its memory comes from `pool`, which nobody
+ * else may use during the call and which must live until the workers have ended.
+ *
+ * cm_tpool_exec hands over a job, and with it the connection: it is closed after function(ctx, connection, record,
+ * argument), and at once when the job is refused.
+ *   connection, argument  not null and not 0: such a job is dropped, and each costs one of the pool's 500 records for good
+ *   label                 of the thread while it runs the job; kept
+ * 0: 500 jobs wait and run already, or no worker is left.
+ *
+ * cm_tpool_exit sets CTX_SHUTDOWN, which is never cleared: there is one pool per start of the library.  Idle workers
+ * leave, busy ones after their job (cm_waitfor_threads waits for them); connections of jobs that still wait are closed. */
 CM_API int16_t CM_CALL cm_tpool_init(cm_context *ctx, cm_net_state *net, cm_mem_pool *pool, int32_t max_workers, cm_tpool **out_tpool);
 CM_API int16_t CM_CALL cm_tpool_exec(cm_tpool *tpool, cm_conn *connection, cm_value argument, const char *label, cm_job_fn function);
 CM_API int16_t CM_CALL cm_tpool_exit(cm_tpool *tpool);

@@ -1,4 +1,4 @@
-// Locks inside the library.
+// Locks and threads inside the library.
 #pragma once
 
 #include "tilvarcm.h"
@@ -21,4 +21,10 @@ private:
     cm_mutex *mutex_;
 };
 
+namespace thread {
+
+// How many threads the table holds.
+int32_t count(cm_context *ctx);
+
+}  // namespace thread
 }  // namespace cm
