@@ -15,6 +15,8 @@ install(EXPORT tilvarcm NAMESPACE tilvarcm:: FILE tilvarcm-targets.cmake
 
 file(WRITE ${PROJECT_BINARY_DIR}/tilvarcm-config.cmake "include(\${CMAKE_CURRENT_LIST_DIR}/tilvarcm-targets.cmake)\n")
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/tilvarcm-config-version.cmake COMPATIBILITY SameMajorVersion)
+# Found from its own place, so that the tree may be installed anywhere (cmake --install --prefix).
+file(RELATIVE_PATH TILVARCM_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(packaging/tilvarcm.pc.in ${PROJECT_BINARY_DIR}/tilvarcm.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tilvarcm-config.cmake ${PROJECT_BINARY_DIR}/tilvarcm-config-version.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tilvarcm)

@@ -1,0 +1,124 @@
+# What run, check and .ci/run share: installing what is missing, and stages of one line each.  Sourced from the top folder.
+
+export LC_ALL=C.UTF-8
+logs=build/logs
+mkdir -p "$logs"
+if command -v ccache >/dev/null; then
+  export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1
+fi
+
+# The Debian packages of a purpose whose command or file is not there.  One row each: package, what shows that it is there.
+missing_packages() {
+  local package probe
+  while read -r package probe; do
+    [ -n "$package" ] || continue
+    case $probe in
+      */*) compgen -G "$probe" >/dev/null || echo "$package" ;;
+      *) command -v "$probe" >/dev/null || echo "$package" ;;
+    esac
+  done
+}
+
+packages_to_build='
+  cmake        cmake
+  ninja-build  ninja
+  gcc          cc
+  g++          c++
+  pkg-config   pkg-config
+  zlib1g-dev   /usr/include/zlib.h
+'
+packages_to_test='
+  libgtest-dev /usr/include/gtest/gtest.h
+  binutils     nm
+  openssl      openssl
+'
+packages_to_fuzz='
+  clang              clang++
+  libclang-rt-14-dev /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a
+'
+
+# need ROWS...: installs what is missing when that is possible, else says so in one line and ends.
+need() {
+  local missing as_root=()
+  missing=$(printf '%s\n' "$@" | missing_packages | sort -u | tr '\n' ' ')
+  [ -n "$missing" ] || return 0
+  local how="apt-get install -y --no-install-recommends $missing"
+  if ! command -v apt-get >/dev/null; then
+    echo "missing: ${missing% } (names of Debian packages; install their like with this system's package manager)" >&2
+    exit 1
+  fi
+  if [ "$(id -u)" != 0 ]; then
+    if ! sudo -n true 2>/dev/null; then echo "missing: ${missing% }; get it with: sudo $how" >&2; exit 1; fi
+    as_root=(sudo -n)
+  fi
+  export DEBIAN_FRONTEND=noninteractive
+  "${as_root[@]}" apt-get update >"$logs/install.log" 2>&1 || true
+  # shellcheck disable=SC2086
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive $how >>"$logs/install.log" 2>&1 ||
+    { tail -n 15 "$logs/install.log" >&2; echo "could not install: ${missing% }" >&2; exit 1; }
+}
+
+stage_number=0
+stage_count=0
+passed=0
+failed=0
+
+# stage NAME LABEL COMMAND...: runs the command into build/logs/NAME.log and prints one line.  On failure it counts one
+# failure, shows what matters of the log and returns 1.
+stage() {
+  local name=$1 label=$2 begun=$SECONDS log=$logs/$1.log
+  shift 2
+  stage_number=$((stage_number + 1))
+  printf '[%d/%d] %s ... ' "$stage_number" "$stage_count" "$label"
+  if "$@" >"$log" 2>&1; then
+    echo "ok $((SECONDS - begun)) s${stage_note:+, $stage_note}"
+    stage_note=
+    return 0
+  fi
+  echo "FAILED after $((SECONDS - begun)) s ($log)"
+  failed=$((failed + 1))
+  stage_note=
+  show_failure "$log"
+  return 1
+}
+
+# Compiler errors, or else the end of the log.
+show_failure() {
+  grep -qE ' error: |FAILED:|undefined reference' "$1" &&
+    grep -E -A6 ' error: |FAILED:|undefined reference' "$1" | head -n 60 || tail -n 60 "$1"
+}
+
+# tests NAME LABEL CTEST-ARGUMENTS...: a stage that is a ctest run; its tests are counted one by one.
+tests() {
+  local name=$1 label=$2 begun=$SECONDS log=$logs/$1.log run bad
+  shift 2
+  stage_number=$((stage_number + 1))
+  printf '[%d/%d] %s ... ' "$stage_number" "$stage_count" "$label"
+  ctest "$@" -j "$(nproc)" --output-on-failure >"$log" 2>&1
+  run=$(sed -nE 's/.* tests failed out of ([0-9]+)$/\1/p' "$log")
+  bad=$(sed -nE 's/.* ([0-9]+) tests failed out of .*/\1/p' "$log")
+  if [ -z "$run" ]; then
+    echo "FAILED ($log)"
+    failed=$((failed + 1))
+    tail -n 30 "$log"
+    return 1
+  fi
+  passed=$((passed + run - bad))
+  failed=$((failed + bad))
+  if [ "$bad" = 0 ]; then
+    echo "ok $((SECONDS - begun)) s, $run tests"
+    return 0
+  fi
+  echo "FAILED after $((SECONDS - begun)) s: $bad of $run tests ($log)"
+  grep -vE '^ *Start +[0-9]+: |^ *[0-9]+/[0-9]+ Test +#[0-9]+: .* Passed ' "$log" | head -n 300
+  return 1
+}
+
+build() {
+  cmake --preset "$1" && cmake --build --preset "$1"
+}
+
+verdict() {
+  echo "$passed passed, $failed failed"
+  [ "$failed" = 0 ] && [ "$passed" -gt 0 ]
+}
