@@ -140,11 +140,12 @@ LeakCheck::LeakCheck() : saved_(os) {
     os.allocate = [](size_t bytes) { return noted(below_leaks.allocate(bytes)); };
     os.allocate_zeroed = [](size_t bytes) { return noted(below_leaks.allocate_zeroed(bytes)); };
     os.release = [](void *block) {
+        auto *const next = below_leaks.release;  // before the count says that all is given back
         {
             std::lock_guard inner(blocks_mutex);
             blocks.erase(block);
         }
-        below_leaks.release(block);
+        next(block);
     };
 }
 
