@@ -199,7 +199,7 @@ struct Table {
     Error (*socket_raw_option)(cm_socket socket, int32_t level, int32_t option, const void *value, int32_t length);
     // One system call each; out_count may be less than asked.  A blocking socket's time-out is CM_ETIMEDOUT.
     Error (*socket_send)(cm_socket socket, const Slice *slices, int32_t count, bool more_follows, size_t *out_count);
-    Error (*socket_send_file)(cm_socket socket, int32_t descriptor, int64_t offset, size_t count, size_t *out_count);  // CM_EINVAL: not possible here, send it yourself
+    Error (*socket_send_file)(cm_socket socket, int32_t descriptor, int64_t offset, size_t count, size_t *out_count);  // 0 sent: end of the file; CM_EINVAL: not possible here, send it yourself
     Error (*socket_receive)(cm_socket socket, void *buffer, size_t size, bool only_what_is_there, size_t *out_count);
     Error (*socket_send_to)(cm_socket socket, uint32_t address, int32_t port, const void *data, size_t length);
     // A datagram that does not fit fails with CM_EMSGSIZE.
@@ -219,7 +219,7 @@ struct Table {
     // Child processes: no shell, the command line split as Windows splits it, exactly three inherited handles (a null
     // descriptor is -1), default signal dispositions, a group (job) of its own.
     Error (*process_start)(const char *command, const char *directory, const int32_t standard[3], Process **out_process);
-    bool (*process_wait)(Process *process, int32_t timeout_ms, int32_t *out_exit_code);  // true: it has ended
+    bool (*process_wait)(Process *process, int32_t timeout_ms, int32_t *out_exit_code);  // true: it has ended; false: time is up, or the thread was asked to end
     void (*process_kill)(Process *process);                // the whole group
     int32_t (*process_id)(Process *process);
     void (*process_release)(Process *process);

@@ -6,9 +6,38 @@
 
 namespace cm::platform {
 
+using posix::Deadline;
+
+// One word that says free, held, or held with somebody asleep on it; quicker than the system's recursive mutex, which
+// would also have to be called through a function.  A thread that finds itself as the holder is right, and one that is
+// not never finds itself, so `holder` may be read without the lock.
 struct Lock {
-    pthread_mutex_t mutex;
+    enum State : uint32_t { kFree, kHeld, kWaitedFor };
+
+    std::atomic<uint32_t> state{kFree};
+    uint32_t repeats = 0;                       // the holder's: acquires beyond the first
+    std::atomic<const void *> holder{nullptr};  // address of the holder's region record
+
+    bool take(State as) {
+        uint32_t expected = kFree;
+        return state.compare_exchange_strong(expected, as, std::memory_order_acquire, std::memory_order_relaxed);
+    }
+    void wait_and_take();
 };
+
+namespace {
+constexpr int kLooks = 100;  // at a lock that is held, before the thread sleeps: most are held for less time than that
+}
+
+void Lock::wait_and_take() {
+    for (int i = 0; i < kLooks; i++) {
+        if (state.load(std::memory_order_relaxed) == kFree && take(kHeld)) return;
+        posix::relax();
+    }
+    // From here on it is taken as waited for, since others may sleep on it as well.
+    while (state.exchange(kWaitedFor, std::memory_order_acquire) != kFree)
+        posix::futex_wait(state, kWaitedFor, Deadline(kForever));
+}
 
 // Waiters are a stack: the newest is let go first, since its memory is the warmest.
 struct Event {
@@ -19,27 +48,16 @@ struct Event {
 
 namespace system {
 
-using posix::Deadline;
 using posix::MutexGuard;
 using posix::RegionGuard;
 using posix::Waiter;
 
 Lock *lock_create() {
-    Lock *lock = static_cast<Lock *>(os.allocate(sizeof(Lock)));
-    if (lock == nullptr) return nullptr;
-    pthread_mutexattr_t attributes;
-    pthread_mutexattr_init(&attributes);
-    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-    const int error = pthread_mutex_init(&lock->mutex, &attributes);
-    pthread_mutexattr_destroy(&attributes);
-    if (error == 0) return lock;
-    os.release(lock);
-    return nullptr;
+    void *memory = os.allocate(sizeof(Lock));
+    return memory != nullptr ? new (memory) Lock : nullptr;
 }
 
 void lock_destroy(Lock *lock) {
-    if (lock == nullptr) return;
-    pthread_mutex_destroy(&lock->mutex);
     os.release(lock);
 }
 
@@ -47,11 +65,25 @@ void lock_destroy(Lock *lock) {
 // meant for the next in line.
 void lock_acquire(Lock *lock) {
     posix::enter_region();
-    pthread_mutex_lock(&lock->mutex);
+    if (lock->holder.load(std::memory_order_relaxed) == &posix::own_region) {
+        lock->repeats++;
+        return;
+    }
+    if (!lock->take(Lock::kHeld)) [[unlikely]]
+        lock->wait_and_take();
+    lock->holder.store(&posix::own_region, std::memory_order_relaxed);
 }
 
+// A lock that the caller does not hold is left alone.
 void lock_release(Lock *lock) {
-    pthread_mutex_unlock(&lock->mutex);
+    if (lock->holder.load(std::memory_order_relaxed) != &posix::own_region) return;
+    if (lock->repeats > 0) {
+        lock->repeats--;
+    } else {
+        lock->holder.store(nullptr, std::memory_order_relaxed);
+        if (lock->state.exchange(Lock::kFree, std::memory_order_release) == Lock::kWaitedFor) [[unlikely]]
+            posix::futex_wake(lock->state);
+    }
     posix::leave_region();
 }
 

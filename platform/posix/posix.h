@@ -56,6 +56,20 @@ private:
     int64_t end_;
 };
 
+// ---- sleeping on a word ---------------------------------------------------------------------------------------------
+
+// Sleeps while the word has that value, or shorter.  False: time is up.
+bool futex_wait(const std::atomic<uint32_t> &word, uint32_t value, const Deadline &limit);
+
+// Wakes one sleeper.  The word may be gone by now: waking an address that nobody sleeps at does nothing.
+void futex_wake(const std::atomic<uint32_t> &word);
+
+inline void relax() {
+#if defined(__x86_64__)
+    __builtin_ia32_pause();
+#endif
+}
+
 // ---- the calling thread ---------------------------------------------------------------------------------------------
 
 // The word that a thread sleeps on.  It is the thread's own, so a setter touches it only between taking the thread off
@@ -67,8 +81,11 @@ struct Waiter {
     Waiter *next = nullptr;  // waiting list of an event, under the event's lock
 
     bool asked() const { return (word.load(std::memory_order_acquire) & kAsked) != 0; }
-    void add(uint32_t bits);                                  // and wakes the thread
-    bool sleep_while(uint32_t value, const Deadline &limit);  // false: time is up
+    void add(uint32_t bits) {  // and wakes the thread, which may be gone by then
+        word.fetch_or(bits, std::memory_order_acq_rel);
+        futex_wake(word);
+    }
+    bool sleep_while(uint32_t value, const Deadline &limit) { return futex_wait(word, value, limit); }
 };
 
 Waiter &own_waiter();

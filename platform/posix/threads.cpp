@@ -190,17 +190,15 @@ Waiter &own_waiter() {
     return self != nullptr ? self->waiter : foreign_waiter;
 }
 
-void Waiter::add(uint32_t bits) {
-    word.fetch_or(bits, std::memory_order_acq_rel);
-    // The thread may be gone by now, and its word with it: waking an address that nobody waits at does nothing.
-    syscall(SYS_futex, &word, FUTEX_WAKE | FUTEX_PRIVATE_FLAG, 1, nullptr, nullptr, 0);
-}
-
-bool Waiter::sleep_while(uint32_t value, const Deadline &limit) {
+bool futex_wait(const std::atomic<uint32_t> &word, uint32_t value, const Deadline &limit) {
     const timespec until = limit.absolute();
     const long result = syscall(SYS_futex, &word, FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, value,
                                 limit.forever() ? nullptr : &until, nullptr, FUTEX_BITSET_MATCH_ANY);
     return result == 0 || errno != ETIMEDOUT;
+}
+
+void futex_wake(const std::atomic<uint32_t> &word) {
+    syscall(SYS_futex, &word, FUTEX_WAKE | FUTEX_PRIVATE_FLAG, 1, nullptr, nullptr, 0);
 }
 
 void park_self() {

@@ -377,6 +377,25 @@ TEST(Locks, HeldUntilTheLastRelease) {
     os.lock_destroy(lock);
 }
 
+TEST(Locks, OneHolderAtATime) {
+    Lock *lock = os.lock_create();
+    int64_t sum = 0;
+    {
+        std::vector<std::unique_ptr<Runner>> adders;
+        for (int i = 0; i < 4; i++)
+            adders.push_back(std::make_unique<Runner>([&] {
+                for (int round = 0; round < 20000; round++) {
+                    os.lock_acquire(lock);
+                    if (round % 64 == 0) os.thread_yield();  // so that others go to sleep on it
+                    sum++;
+                    os.lock_release(lock);
+                }
+            }));
+    }
+    EXPECT_EQ(sum, 80000);
+    os.lock_destroy(lock);
+}
+
 TEST(Events, RemembersOneSignal) {
     EventHolder event;
     os.event_set(event);
