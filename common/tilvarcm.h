@@ -67,16 +67,17 @@ typedef uintptr_t cm_value;              /* a number or a pointer of the caller'
 #define CM_INFO  40
 #define CM_TRACE 50
 
-#define CTX_RESOLVE_NAMES      0x001
-#define CTX_DIAL_ON_DEMAND     0x002
-#define CTX_PERSISTENT_COOKIES 0x004
-#define CTX_NO_CONFIG          0x008
-#define CTX_SHUTDOWN           0x010
-#define CTX_DYNAMIC_IP_TEST    0x020
-#define CTX_LINGER_CLOSE       0x080
-#define CTX_DIAL_TRACE         0x100
-#define CTX_TRACE_PERF         0x200
-#define CTX_FLUSH_LOGS         0x400
+/* Flags of a context, with the key that sets them ("true" or "false"). */
+#define CTX_RESOLVE_NAMES      0x001 /* "Resolve Host Names" */
+#define CTX_DIAL_ON_DEMAND     0x002 /* "Dial-On-Demand" */
+#define CTX_PERSISTENT_COOKIES 0x004 /* "Persistent Cookies" */
+#define CTX_NO_CONFIG          0x008 /* there was no config.ini */
+#define CTX_SHUTDOWN           0x010 /* the thread pool was stopped; never cleared */
+#define CTX_DYNAMIC_IP_TEST    0x020 /* "Dynamic IP Test" */
+#define CTX_LINGER_CLOSE       0x080 /* "Linger Close" */
+#define CTX_DIAL_TRACE         0x100 /* "Dial-On-Demand Trace" */
+#define CTX_TRACE_PERF         0x200 /* "Trace Performance" */
+#define CTX_FLUSH_LOGS         0x400 /* "Flush Logs" */
 
 /* Open flags: the same numbers on every system.  No flag translates line ends. */
 #define CM_O_RDONLY 0x0000
@@ -198,77 +199,112 @@ typedef intptr_t cm_socket;                  /* -1 = none; wide enough for SOCKE
 typedef struct cm_poll_entry cm_poll_entry;
 typedef struct cm_net_notice cm_net_notice;
 
-/* ---------- context and start-up ---------- */
+/* ---------- context and start-up ----------
+ * One context per process holds the settings, the log and what the facilities keep; nearly every function takes it.
+ * The comment beside a field gives its default and the key of section "common" of config.ini that sets it.  Settings are
+ * read once, at the start, and not written afterwards.  An empty text in the file is stored as null. */
 #define CM_PERF_COUNTERS 13
 struct cm_context {
-    int32_t     thread_serial;
-    int32_t     idle_threads;            /* 10 */
-    int32_t     error_depth;
-    int32_t     log_size;                /* 10000 */
-    uint32_t    flags;                   /* CTX_LINGER_CLOSE | CTX_TRACE_PERF */
-    int32_t     net_trace_level;         /* 0 */
-    int32_t     trace_level;             /* 40 */
-    int32_t     throttle_ips;            /* 0 */
-    int32_t     max_connections;         /* 300 */
-    int32_t     max_threads;             /* 200 */
-    int32_t     net_read_timeout;        /* 180 */
-    double      start_time;
-    const char *config_dir;              /* "config" */
-    const char *root_dir;      int32_t root_len;
-    const char *log_dir;                 /* "log" */
-    const char *tmp_dir;                 /* "tmp" */
-    const char *net_log_file;            /* "network.log" */
-    const char *cookie_tag;    int32_t cookie_tag_len;     /* "RCuid", 5 */
-    int32_t     bind_address_len; const char *bind_address;
-    int32_t     dial_timeout;            /* 300 */
-    int32_t     dial_busy_timeout;       /* 300 */
-    const char *dial_entry;    int32_t dial_entry_len;
-    const char *dial_user;     int32_t dial_user_len;
-    const char *dial_password; int32_t dial_password_len;
-    const char *cipher_phrase;           /* "Quartz Ledger Private Phrase" */
-    const char *ntp_server;
-    const char *ntp_cron;
-    const char *ca_cert_file;
-    const char *key_file;                /* "key.pem" */
-    const char *cert_file;               /* "cert.pem" */
-    int32_t     cache_flush_interval;
-    int32_t     max_cached_file;
-    int32_t     file_cache_size;
-    int32_t     cache_stat_interval;
-    int32_t     cache_dns_interval;
+    int32_t     thread_serial;           /* number of the next thread */
+    int32_t     idle_threads;            /* 10, "Idle Threads": 1 and 2 become 3, below 1 fails */
+    int32_t     error_depth;             /* nesting of cm_raise_error */
+    int32_t     log_size;                /* 10000, "Log Size": lines after which the log starts over; 0 = never */
+    uint32_t    flags;                   /* CTX_LINGER_CLOSE and CTX_TRACE_PERF */
+    int32_t     net_trace_level;         /* CM_NTRACE_NONE, "Network Trace Level": NONE OPENCLOSE PACKETS SSL STREAM */
+    int32_t     trace_level;             /* CM_INFO, "Trace Level": FATAL ERROR WARN INFO TRACE */
+    int32_t     throttle_ips;            /* 0, "Throttle IPs": connections from one address, 0 = any number */
+    int32_t     max_connections;         /* 300, "Maximum Connections" */
+    int32_t     max_threads;             /* 200, "Maximum Threads" */
+    int32_t     net_read_timeout;        /* 180, "Network Read Timeout", seconds */
+    double      start_time;              /* seconds since 1970 */
+    const char *config_dir;              /* "config", or the folder given to cm_ctx_init */
+    const char *root_dir;                /* install root, "/"-separated, without a "/" at its end */
+    int32_t     root_len;
+    const char *log_dir;                 /* "log", "Log Directory" */
+    const char *tmp_dir;                 /* "tmp", "Tmp Directory" */
+    const char *net_log_file;            /* "network.log", "Network Log File" */
+    const char *cookie_tag;              /* "RCuid", "Cookie Tag" */
+    int32_t     cookie_tag_len;
+    int32_t     bind_address_len;
+    const char *bind_address;            /* null, "Force IP Bind" */
+    int32_t     dial_timeout;            /* 300, "Dial-On-Demand Timeout" */
+    int32_t     dial_busy_timeout;       /* 300, "Dial-On-Demand Busy Timeout" */
+    const char *dial_entry;              /* null, "Dial-On-Demand Entry" */
+    int32_t     dial_entry_len;
+    const char *dial_user;               /* null, "Dial-On-Demand User" */
+    int32_t     dial_user_len;
+    const char *dial_password;           /* null, "Dial-On-Demand Password" */
+    int32_t     dial_password_len;
+    const char *cipher_phrase;           /* "Public Key": phrase of the two-way cipher */
+    const char *ntp_server;              /* null, "NTP Server" */
+    const char *ntp_cron;                /* null, "NTP Cron" */
+    const char *ca_cert_file;            /* null, "CA Certificate File" */
+    const char *key_file;                /* "key.pem", "Private Key File" */
+    const char *cert_file;               /* "cert.pem", "Certificate File" */
+    int32_t     cache_flush_interval;    /* 0, "Cache Flush Interval" */
+    int32_t     max_cached_file;         /* 0, "Maximum Cached File", bytes */
+    int32_t     file_cache_size;         /* 0 = no file cache, "File Cache Size", bytes */
+    int32_t     cache_stat_interval;     /* 0, "Cache Stat Interval" */
+    int32_t     cache_dns_interval;      /* 0, "Cache DNS Interval" */
     cm_cache   *file_cache;
-    int32_t     aux_timeout;             /* 180 */
-    int32_t     sched_task_timeout;      /* 300 */
+    int32_t     aux_timeout;             /* 180; no key, the library does not use it */
+    int32_t     sched_task_timeout;      /* 300, "Scheduler Task Timeout", seconds */
     cm_alert_ring *alert_table;
-    cm_alert_fn alert_handler;
+    cm_alert_fn alert_handler;           /* the host's, may be set after the start */
     cm_dns_state *dns;
     cm_sccs_ctx *sccs;
-    cm_dll_rec *dll_list;
+    cm_dll_rec *dll_list;                /* libraries loaded at run time */
     cm_file    *log_file;
     cm_mutex   *log_mutex;
     cm_file    *net_log;
     cm_mutex   *net_log_mutex;
     cm_net_state *net_table;
     cm_mutex   *thread_mutex;
-    cm_hash    *thread_table;            /* 541 buckets */
+    cm_hash    *thread_table;
     cm_thread  *thread_spare;
     cm_mutex   *file_mutex;
-    cm_mem_pool *thread_pool_mem;        /* block size 256 */
-    cm_mem_pool *common_pool;            /* block size 1024 */
+    cm_mem_pool *thread_pool_mem;
+    cm_mem_pool *common_pool;
+    /* hidden */
     cm_cron    *cron;                    /* scheduler */
     void       *ras;                     /* dial-up line */
     cm_file    *file_free;               /* free file handles, under file_mutex */
     int32_t     file_open;               /* open file handles, under file_mutex */
-    void       *cipher;                  /* two-way cipher */
-    void       *reserved[11];            /* the library's own */
+    void       *cipher;                  /* keys of the two-way cipher */
+    void       *reserved[11];
     /* by hour, minute, counter; the counters fill the block to its end */
     uint32_t    perf[24][60][CM_PERF_COUNTERS];
 };
 
+/* Starts the library, once per process.  Every successful call is matched by one cm_ctx_exit.
+ *   out_ctx      the context; null after a failure
+ *   config_dir   folder of config.ini, below the install root unless absolute; null: "config"
+ *   log_name     the log's name in the log folder.  A name that ends in ".log" keeps one older log, which ends in "old".
+ *   setup        not 0: a missing configuration is told on the standard error stream, and the configuration and the
+ *                temporary folder are made when they are missing (the log folder always is)
+ *   out_already  1: it was started already; the call only counts, its other arguments are not looked at
+ * The install root is the environment variable TVHOME, else the working folder, less one of "/bin", "\bin", "\devbin"
+ * and "/linux" at its end.  Without config.ini (CTX_NO_CONFIG) log and temporary files go to the folder that TEMP or TMP
+ * names.  Up to the opening of the log, messages go to the standard error stream after "Tilvar Server Error: ".
+ * Result: 0 when a setting is bad or a step failed; nothing is left behind then.
+ * From then on SIGABRT ends the process at once with status -1. */
 CM_API int16_t CM_CALL cm_ctx_init(cm_context **out_ctx, const char *config_dir, const char *log_name, int16_t setup, int32_t *out_already);
+
+/* Gives back one start; the last one ends the threads of the library (those that do not end when asked are stopped after
+ * two seconds), closes everything and frees the context.  Stop the network first (cm_net_exit).  Result: 0 when `ctx` is
+ * null or nothing was started. */
 CM_API int16_t CM_CALL cm_ctx_exit(cm_context *ctx);
+
+/* The started context.  Result: 0 when there is none; `out_ctx` is left alone then. */
 CM_API int16_t CM_CALL cm_ctx_global(cm_context **out_ctx);
+
+/* Adds to a counter of the current local hour and minute, without a lock.  The library uses counter 0 (connections), 1
+ * (bytes received) and 2 (bytes sent); 3 to 12 are the servers'.  A task clears each hour before it comes round again.
+ * Result: 0 when nothing was counted: CTX_TRACE_PERF is off, no clock, outside the table. */
 CM_API int16_t CM_CALL cm_perf(cm_context *ctx, int32_t counter, uint32_t amount);
+
+/* Handlers of the library's own, exported for hosts that drive them themselves: one entry of section "common", the
+ * hourly task that clears the counters of the coming hour, the abort signal. */
 CM_API int16_t CM_CALL cm__prop_load(cm_context *ctx, cm_value user, const char *key, const char *value);
 CM_API int16_t CM_CALL cm__perf(cm_context *ctx, const char *name, cm_value argument);
 CM_API void    CM_CALL cm__abort(int signal_number);
@@ -668,11 +704,26 @@ CM_API int32_t CM_CALL cm_atoi(const char *text, int32_t length);
 CM_API double  CM_CALL cm_atof(const char *text, int32_t length);
 CM_API int32_t CM_CALL cm_random(int32_t low, int32_t high);
 
-/* ---------- ciphers and compression ---------- */
+/* ---------- ciphers ----------
+ * The two-way cipher hides values of configuration files from a glance.  It is obfuscation, not protection: its phrase
+ * ("Public Key", or a default that everybody has) lies beside what it hides.  The same text always gives the same result,
+ * so that an unchanged value stays unchanged; a result is the digit 1 and capital hexadecimal digits, 2 * length + 25 in
+ * all, and needs one more byte in `out`.  `text` and `out` must not overlap.  cm_ctx_init calls cm_twowayinit; calling it
+ * again changes the phrase, while no other thread uses the cipher. */
 CM_API int16_t CM_CALL cm_twowayinit(cm_context *ctx, const char *phrase);
 CM_API int16_t CM_CALL cm_twowayencrypt(cm_context *ctx, const char *text, int32_t length, char *out, int32_t size, int32_t *out_length);
+/* Fails on a text that was damaged or made under another phrase; `out` is an empty text then, or untouched. */
 CM_API int16_t CM_CALL cm_twowaydecrypt(cm_context *ctx, const char *text, int32_t length, char *out, int32_t size, int32_t *out_length);
+
+/* The traditional one-way form of a password: two characters of salt and eleven of the result, as crypt(3) makes it with
+ * DES.  Only the first eight characters of `text` count.  Today it keeps honest people honest; use it for what must be
+ * compatible.
+ *   salt   two of "./0-9A-Za-z", more is not looked at; a stored result serves, to compare; null or "": two are drawn
+ *   out    14 bytes or more; may be `salt`
+ * Result: 0 for another salt or a smaller buffer. */
 CM_API int16_t CM_CALL cm_crypt(const char *text, const char *salt, char *out, int32_t size);
+
+/* ---------- compression ---------- */
 CM_API int16_t CM_CALL cm_zlib_gzip(cm_context *ctx, const char *path);
 
 /* ---------- poll entry ---------- */
@@ -865,34 +916,46 @@ CM_API int16_t CM_CALL cm_net_putfile(cm_net_state *state, cm_conn *conn, const 
 CM_API int16_t CM_CALL cm_net_enddata(cm_net_state *state, cm_conn *conn);
 CM_API int16_t CM_CALL cm_net_fopen(cm_net_state *state, const char *path, cm_conn **out_conn);
 
-/* ---------- resolver ---------- */
+/* ---------- resolver ----------
+ * Host names and IPv4 addresses.  cm_ctx_init and cm_ctx_exit call cm_dns_init, cm_dns_optimize (once the settings are
+ * read: server addresses, and the hosts files, which are made when they are missing) and cm_dns_exit. */
+
+/* Asked for names that the hosts file does not have.  Result: 1 with the address, 0 to go on looking. */
 typedef int16_t (CM_CALL *cm_dns_hook)(cm_context *ctx, cm_value argument, const char *name, uint32_t *out_address);
 
 struct cm_dns_state {
-    int32_t     ttl;             /* 3600 */
-    uint32_t    timeout;         /* 90 */
-    uint16_t    flags;           /* 0x1: "DNS Wildcards" */
-    uint32_t    primary;
-    uint32_t    alternate;       /* never filled here */
+    int32_t     ttl;             /* 3600, "DNS TTL": seconds of the answers that the library gives */
+    uint32_t    timeout;         /* 90, "DNS Timeout": seconds, 5 at least */
+    uint16_t    flags;           /* CM_DNS_WILDCARDS, "DNS Wildcards": names of the hosts file are patterns */
+    uint32_t    primary;         /* the secondary server, where one is set */
+    uint32_t    alternate;       /* not set by any key */
     const char *primary_text;    /* "DNS Primary" */
     const char *secondary_text;  /* "DNS Secondary" */
-    const char *hosts_name;      /* "hosts" */
+    const char *hosts_name;      /* "hosts", "DNS Hosts File": in the configuration folder */
     const char *hosts_path;
     const char *mx_name;         /* "mxhosts" */
     const char *mx_path;
-    void       *bucket[500];
+    void       *bucket[500];     /* records of the library's own server, under mutex */
     cm_mutex   *mutex;
-    cm_dns_hook hook;
+    cm_dns_hook hook;            /* the host's, set before threads look names up */
     cm_value    hook_argument;
 };
 #define CM_DNS_WILDCARDS 0x1
 #define CM_DNS_BUFFER    512
-#define CM_DNS_NAME      256     /* out names: buffers of 256 bytes */
+#define CM_DNS_NAME      256     /* buffers of names */
 
 CM_API int16_t CM_CALL cm_dns_init(cm_context *ctx);
 CM_API int16_t CM_CALL cm_dns_optimize(cm_context *ctx);
 CM_API int16_t CM_CALL cm_dns_exit(cm_context *ctx);
-CM_API int16_t CM_CALL cm_dns_gethostaddr(cm_context *ctx, const char *name, int16_t local_only, int16_t own_resolver, uint32_t *out_address1, uint32_t *out_address2, uint32_t *out_address3, uint32_t *out_address4); /* each may be null */
+
+/* Up to four addresses of a name; those that there are not become CM_INADDR_NONE.
+ *   name          a name of digits and dots alone fails at once, unless it ends in a dot: parse addresses yourself
+ *   local_only    not 0: ask no server
+ *   own_resolver  not 0: ask the configured server instead of the system
+ * Result: 1 when there is one at least. */
+CM_API int16_t CM_CALL cm_dns_gethostaddr(cm_context *ctx, const char *name, int16_t local_only, int16_t own_resolver, uint32_t *out_address1, uint32_t *out_address2, uint32_t *out_address3, uint32_t *out_address4);
+
+/* The name of an address, into CM_DNS_NAME bytes; a name from the system is cut to 60 characters. */
 CM_API int16_t CM_CALL cm_dns_gethostname(cm_context *ctx, uint32_t address, int16_t local_only, int16_t own_resolver, char *out_name);
 
 #ifdef __cplusplus
