@@ -382,12 +382,17 @@ CM_API int16_t CM_CALL cm_alert_register(cm_context *ctx, ...);
 CM_API int16_t CM_CALL cm_alert_deregister(cm_context *ctx, ...);
 CM_API void    CM_CALL cm_alert_notify(cm_context *ctx, int32_t category, const char *subject, const char *message);
 
-/* ---------- memory pools ---------- */
+/* ---------- memory pools ----------
+ * Pieces cut off large zeroed blocks and given back all at once: for what lives as long as a table, a parsed file or
+ * the library.  A piece is zeroed, aligned to 16 bytes and rounded so that it and four bytes of guard fill a multiple of
+ * 32.  A pool has no lock: it belongs to one thread, or to the lock of the structure that owns it.
+ * A handle or block that is not intact is reported ("... The memory handle provided is invalid.") and the call fails.
+ */
 #define CM_POOL_MAGIC 0xAAA1u
 #define CM_POOL_GONE  0x9990u
 #define CM_BLOCK_MAGIC 0xBACEu
 #define CM_GUARD 0xDEADu
-struct cm_mem_block {        /* exactly 32 bytes, payload follows */
+struct cm_mem_block {        /* exactly 32 bytes, the payload follows; what is not named here is zero */
     uint32_t size, used, magic;
     uint32_t pad0;
     cm_mem_block *next;      /* older block */
@@ -395,33 +400,52 @@ struct cm_mem_block {        /* exactly 32 bytes, payload follows */
 };
 struct cm_mem_pool {
     uint32_t       magic;
-    cm_mem_block  *current;
-    uint32_t       block_size;
-    uint32_t       used;
-    uint32_t       total;
-    uint32_t       limit;
-    unsigned char *payload;
-    cm_context    *owner;
+    cm_mem_block  *current;      /* newest block */
+    uint32_t       block_size;   /* payload of a block; grows to the largest piece asked for */
+    uint32_t       used;         /* of the current block */
+    uint32_t       total;        /* bookkeeping for `limit`, wraps */
+    uint32_t       limit;        /* 0: none */
+    unsigned char *payload;      /* of the current block */
+    cm_context    *owner;        /* whose log hears of failures; null: the started context's */
 };
+/* Makes and releases a pool.
+ *   block_size   payload bytes of a block, rounded as pieces are; 0 fails.  A larger request raises it for all later
+ *                blocks.  8 to 32 KB serve tables and larger pieces best, 1 KB a handful of short texts.
+ * A pool may be released once; the second time is reported and fails.  Blocks that a thread releases may wait, up to
+ * 256 KB, for the next pool. */
 CM_API int16_t CM_CALL cm_mem_init(cm_context *ctx, cm_mem_pool **out_pool, uint32_t block_size);
+CM_API int16_t CM_CALL cm_mem_exit(cm_mem_pool *pool);
+/* A piece of at least `size` bytes, or null: no memory, bad handle, or `size` 0 (silently).  Without a pool it is the
+ * standard allocator's, not zeroed, and only then does cm_mem_free give something back; cm_mem_free is always 1. */
 CM_API void *  CM_CALL cm_mem_alloc(cm_mem_pool *pool, uint32_t size);
 CM_API int16_t CM_CALL cm_mem_free(cm_mem_pool *pool, void *piece);
-CM_API int16_t CM_CALL cm_mem_exit(cm_mem_pool *pool);
+/* Copies a text into the pool, terminated.  An empty or null text is stored as null, with length 0, and succeeds. */
 CM_API int16_t CM_CALL cm_mem_savestr(cm_mem_pool *pool, const char *text, int32_t length, char **out_text, int32_t *out_length);
+/* Copies a text into the pool, with pairs of upper-case hexadecimal digits turned into bytes and everything else as it
+ * is.  A capital A to F in second place gives twice its value and drops the first digit (4A: 0x14); anything else after
+ * a first digit, and an empty text, fails.  Null text: null, 1.  out_length counts whole bytes. */
 CM_API int16_t CM_CALL cm_mem_savebin(cm_mem_pool *pool, const char *text, int32_t length, unsigned char **out_bytes, int32_t *out_length);
+/* Makes a new block current; what is left of the old one is abandoned.  cm_mem_alloc calls it by itself. */
 CM_API int16_t CM_CALL cm__mem_getblock(cm_mem_pool *pool);
 
-/* ---------- hash tables ---------- */
+/* ---------- hash tables ----------
+ * Byte strings of any content and length to a cm_value, chained, in a pool or (pool null) on the standard allocator.
+ * In a pool, removed entries are kept with their key buffers and used again.  Keys are copied and compared byte by byte,
+ * letter case included; keys of exactly 4 bytes are hashed as one number.  A table has no lock.  Choose a prime of about
+ * the number of entries as the bucket count: chains do not shrink by themselves.
+ */
 struct cm_hash_entry_rec {
     int32_t            key_length;
-    char              *key;
+    char              *key;        /* terminated */
     cm_value           value;
     cm_hash_entry_rec *next;
-    cm_hash_entry_rec *previous;
-    int32_t            capacity;   /* hidden: real size of the key buffer */
+    cm_hash_entry_rec *previous;   /* as it was when the entry was linked in; stale after a cm_hash_walk that removes */
+    /* hidden */
+    int32_t            capacity;   /* longest key that fits the buffer */
+    uint32_t           hash;
 };
 struct cm_hash {
-    int32_t             key_min;
+    int32_t             key_min;   /* smallest key buffer to make, 0 at first; may be set at any time */
     uint32_t            buckets;
     int32_t             entries;
     int32_t             spare;
@@ -431,13 +455,31 @@ struct cm_hash {
     cm_mem_pool        *pool;
     cm_hash_entry_rec **heads;     /* buckets + 1 */
     cm_context         *owner;
+    /* hidden */
+    uint64_t            reciprocal;
+    void               *walks;     /* the walks under way */
 };
 CM_API int16_t CM_CALL cm_hash_alloc(cm_context *ctx, cm_mem_pool *pool, uint32_t buckets, cm_hash **out_table);
+/* Calls `destroy` (null: none) with every value, then frees the table; cm_hash_clear keeps it, empty.  A table in a pool
+ * that is freed without `destroy` is left alone, values and all: the pool's release takes it. */
 CM_API int16_t CM_CALL cm_hash_free(cm_hash *table, cm_destroy_fn destroy);
 CM_API int16_t CM_CALL cm_hash_clear(cm_hash *table, cm_destroy_fn destroy);
-/* 1 find: value = cm_value* ; 2 set: the value ; 3 delete: cm_value* or 0 ; 4/5: key = const int32_t* cursor or null,
-   value = cm_hash_entry_rec** ; 6: key as 4/5, value = cm_value* or 0 */
+/* One operation; an unknown number is 0.
+ *                            key                              value
+ *   CM_OP_FIND               the key                          CM_OUT(cm_value *): the value, 0 when there is none
+ *   CM_OP_SET                the key                          the value
+ *   CM_OP_DELETE             the key                          CM_OUT(cm_value *): the value that was stored
+ *   CM_OP_FIRST, CM_OP_NEXT  const int32_t *, a cursor 0-3    CM_OUT(cm_hash_entry_rec **): the entry, null at the end
+ *   CM_OP_DELETE_CURRENT     the same                         CM_OUT(cm_value *): the value of the removed entry
+ * A null cursor, or one out of range, is cursor 0; an out value may be 0.  The first three fail when there is no such key
+ * (CM_OP_SET: no memory) and, with a message, for a length below 1.  A walk by cursor is CM_OP_FIRST, then CM_OP_NEXT
+ * until the entry is null; a step beyond that fails with a message.  Entries may be removed during a walk, the current
+ * one included, which goes on with the entry that followed - except after removing the first entry of bucket 0: then the
+ * rest of that bucket is passed over.  Two threads need two cursors and the owner's lock. */
 CM_API int16_t CM_CALL cm_hash_entry(cm_hash *table, int32_t operation, const void *key, int32_t key_length, cm_value value);
+/* Calls `visit` for every entry; its result says what next: any of CM_WALK_REMOVE (take the entry out, without lowering
+ * `entries` and without a destroy call), CM_WALK_STOP_OK (end, result 1), CM_WALK_STOP_FAIL (end, result 0).  `visit` may
+ * change the table, the current entry included. */
 CM_API int16_t CM_CALL cm_hash_walk(cm_hash *table, cm_value user, cm_hash_visit_fn visit);
 
 /* ---------- threads, mutexes, thread pool ---------- */
@@ -524,31 +566,53 @@ CM_API int16_t CM_CALL cm_tpool_init(cm_context *ctx, cm_net_state *net, cm_mem_
 CM_API int16_t CM_CALL cm_tpool_exec(cm_tpool *tpool, cm_conn *connection, cm_value argument, const char *label, cm_job_fn function);
 CM_API int16_t CM_CALL cm_tpool_exit(cm_tpool *tpool);
 
-/* ---------- token scanning ---------- */
+/* ---------- token scanning ----------
+ * Scans a text in memory - request lines, header values, attribute lists - without copying: the caller fills a scanner,
+ * each call moves its position, and tokens come back as pointers into the caller's text.  White space, letters and
+ * digits are those of ASCII.  A scanner whose position is negative or behind its length fails every call.
+ */
 struct cm_token {
-    int32_t     position;
-    int32_t     length;
-    const char *text;
+    int32_t     position;    /* the next character to examine */
+    int32_t     length;      /* of the text */
+    const char *text;        /* need not be terminated */
 };
+/* The next token: a run up to white space (left in place; with comma_mode a comma counts as white space) or one of the
+ * delimiters = ! % > < ( ), each a token by itself; or what stands between two quotes " or two apostrophes ' (nothing is
+ * unescaped, the length may be 0).  When nothing but white space is left: 1 with length 0 and out_text untouched.
+ * Fails at the end, for an unterminated quote, and for a token longer than max_length (which is then passed). */
 CM_API int16_t CM_CALL cm_token_get(cm_token *scanner, int16_t comma_mode, const char **out_text, int32_t max_length, int32_t *out_length);
+/* Takes tokens (comma mode, at most 255 long) until one equals `word`, letter case included. */
 CM_API int16_t CM_CALL cm_token_find(cm_token *scanner, const char *word, int32_t length);
+/* Index in the text of the next `ch`; the position does not move.  cm_token_strchr: 0 and index 0 when there is none.
+ * cm_token_findchr: 0 when stop_ch comes first, but 1 with the text's length when neither comes. */
 CM_API int16_t CM_CALL cm_token_strchr(cm_token *scanner, char ch, int32_t *out_index);
 CM_API int16_t CM_CALL cm_token_findchr(cm_token *scanner, char ch, char stop_ch, int32_t *out_index);
+/* The value behind `name`, which is found in any letter case and anywhere, also inside a word, but not at the very end.
+ * A value in quotes ends at the quote (not consumed), any other at the end of the line, blanks and semicolons included.
+ *   out_value   caller's storage, max_value bytes; always terminated
+ *   max_value   a value needs room for one byte more than it has, else the call fails */
 CM_API int16_t CM_CALL cm_token_findval(cm_token *scanner, const char *name, int32_t length, char *out_value, int32_t max_value, int32_t *out_length);
+/* Whether `word` is an item of a list separated by blanks and commas (not tabs). */
 CM_API int16_t CM_CALL cm_token_inlist(const char *list, int32_t list_length, const char *word, int32_t word_length, int16_t case_sensitive);
+/* The next run of letters, digits and `extra_chars` (null: none) behind white space.  Fails for an empty run and one
+ * longer than max_length. */
 CM_API int16_t CM_CALL cm_alnum_get(cm_token *scanner, const char *extra_chars, const char **out_text, int32_t max_length, int32_t *out_length);
 
-/* ---------- key tables and lists ---------- */
+/* ---------- key tables and lists ----------
+ * Two containers for small sets, in a pool or (pool null) on the standard allocator.  A key table maps byte strings to
+ * cm_values by linear search; with a `lock` (kept, may be null) each operation holds it.  A list is a push-only stack of
+ * cm_values, read newest first through four independent cursors; it has no lock.
+ */
 struct cm_key_rec {
     int32_t     key_length;
-    char       *key;
+    char       *key;         /* terminated; null when it is empty */
     cm_value    value;
     cm_key_rec *next;
     cm_key_rec *previous;
 };
 struct cm_keytab {
-    cm_key_rec  *head;
-    cm_key_rec  *spare;
+    cm_key_rec  *head;       /* newest entry */
+    cm_key_rec  *spare;      /* removed entries, to be used again */
     cm_mem_pool *pool;
     cm_mutex    *lock;
     cm_context  *owner;
@@ -556,20 +620,25 @@ struct cm_keytab {
 struct cm_list_rec {
     cm_value     spare;
     cm_value     value;
-    cm_list_rec *next;
+    cm_list_rec *next;       /* older entry */
 };
 struct cm_list {
     int32_t      count;
-    cm_list_rec *cursor[4];
-    cm_list_rec *head;
+    cm_list_rec *cursor[4];  /* the entry to read next */
+    cm_list_rec *head;       /* newest entry */
     cm_mem_pool *pool;
     cm_context  *owner;
 };
 CM_API int16_t CM_CALL cm_key_alloc(cm_context *ctx, cm_mem_pool *pool, cm_mutex *lock, cm_keytab **out_keytab);
-CM_API int16_t CM_CALL cm_key_free(cm_keytab *keytab, cm_destroy_fn destroy);
-CM_API int16_t CM_CALL cm_key_entry(cm_keytab *keytab, int32_t operation, const char *key, int32_t key_length, cm_value value);
 CM_API int16_t CM_CALL cm_list_alloc(cm_context *ctx, cm_mem_pool *pool, cm_list **out_list);
+/* Calls `destroy` with every value, then frees the container.  In a pool and without `destroy`: nothing, and 1. */
+CM_API int16_t CM_CALL cm_key_free(cm_keytab *keytab, cm_destroy_fn destroy);
 CM_API int16_t CM_CALL cm_list_free(cm_list *list, cm_destroy_fn destroy);
+/* CM_OP_FIND (value: CM_OUT, 0 when there is none), CM_OP_SET (the value) or CM_OP_DELETE (CM_OUT or 0).  Any byte string
+ * is a key, the empty one included.  0: no such key, no memory, lock failed, unknown operation; never a message. */
+CM_API int16_t CM_CALL cm_key_entry(cm_keytab *keytab, int32_t operation, const char *key, int32_t key_length, cm_value value);
+/* CM_LIST_ADD (the value, cursor ignored), CM_OP_FIRST or CM_OP_NEXT (CM_OUT: the value the cursor, 0 to 3, reads).
+ * 0: the end, which leaves the out value alone; cursor out of range; no memory; unknown operation. */
 CM_API int16_t CM_CALL cm_list_entry(cm_list *list, int32_t operation, int32_t cursor, cm_value value);
 
 /* ---------- configuration files ---------- */
@@ -695,13 +764,29 @@ CM_API uint32_t CM_CALL cm_parsedatetime(const char *text);
 CM_API uint32_t CM_CALL cm_parsedate(const char *text);
 
 /* ---------- strings and random numbers ---------- */
+/* Formats into `size` bytes, always terminated.  Result: bytes stored, without the terminator; a text that does not fit
+ * is cut.  A null text prints as "(null)".  A format with %n stores nothing and gives 0. */
 CM_API int32_t CM_CALL cm_snprintf(char *out, int32_t size, const char *format, ...) CM_PRINTF(3, 4);
 CM_API int32_t CM_CALL cm_vsnprintf(char *out, int32_t size, const char *format, va_list args) CM_PRINTF(3, 0);
+/* The same for texts of 16-bit characters, `size` counted in characters.  It knows these conversions, with the flags
+ * - 0 + blank #, width, precision and *, and the sizes h, l, ll:
+ *   %d %i %u %x %X   numbers
+ *   %c               one 16-bit character
+ *   %ls              a text of 16-bit characters (not %s, which means something else on every system)
+ *   %%
+ * A format with any other conversion stores nothing and gives 0. */
+CM_API int32_t CM_CALL cm_wsnprintf(uint16_t *out, int32_t size, const uint16_t *format, ...);
+/* Byte order with ASCII letters folded to lower case: negative, 0 or positive.  Null comes before every text.
+ * cm_strncasecmp compares at most `length` bytes. */
 CM_API int32_t CM_CALL cm_strcasecmp(const char *a, const char *b);
 CM_API int32_t CM_CALL cm_strncasecmp(const char *a, const char *b, int32_t length);
+/* Copies a terminated text into `size` bytes, cut to fit and always terminated (unlike strncpy).  Result: bytes stored. */
 CM_API int32_t CM_CALL cm_strncpy(char *out, const char *in, int32_t size);
+/* The number that a text begins with, after white space; 0 when there is none.  cm_atoi saturates at both ends. */
 CM_API int32_t CM_CALL cm_atoi(const char *text, int32_t length);
 CM_API double  CM_CALL cm_atof(const char *text, int32_t length);
+/* A random number from `low` to `high`, both included and in either order, every one equally likely; from the system's
+ * generator, fit for names and nonces that nobody should guess. */
 CM_API int32_t CM_CALL cm_random(int32_t low, int32_t high);
 
 /* ---------- ciphers ----------

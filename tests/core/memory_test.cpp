@@ -1,0 +1,349 @@
+// Memory pools: where pieces lie, what is reported, and that nothing is lost when memory runs out.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+
+#include "core/cmblocks.h"
+#include "core/cmmemory.h"
+#include "support/support.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#endif
+
+namespace {
+
+using cm::test::captured_standard_error;
+using cm::test::Faults;
+using cm::test::LeakCheck;
+
+struct PoolDeleter {
+    void operator()(cm_mem_pool *pool) const { cm_mem_exit(pool); }
+};
+using Pool = std::unique_ptr<cm_mem_pool, PoolDeleter>;
+
+Pool make_pool(uint32_t block_size) {
+    cm_mem_pool *pool = nullptr;
+    EXPECT_EQ(cm_mem_init(nullptr, &pool, block_size), 1);
+    return Pool(pool);
+}
+
+std::string message(const std::string &text) {
+    return "Tilvar Server Error: " + text + "\n";
+}
+
+const std::string kBadAlloc = message("cm_mem_alloc() The memory handle provided is invalid.");
+const std::string kNoBlock = message("cm__mem_getblock() Failure allocating memory block.");
+const std::string kCorrupt = message("cm_mem_exit() The memory handle provided is corrupt.");
+
+int blocks_of(const cm_mem_pool &pool) {
+    int count = 0;
+    for (const cm_mem_block *block = pool.current; block != nullptr; block = block->next) count++;
+    return count;
+}
+
+TEST(Pool, BlockSizesAndPiecesAreRoundedAlike) {
+    const struct {
+        uint32_t asked, rounded;
+    } rows[] = {{1, 32}, {28, 32}, {29, 64}, {256, 288}, {1024, 1056}, {2000, 2016}};
+    for (const auto &row : rows) {
+        const Pool pool = make_pool(row.asked);
+        EXPECT_EQ(pool->block_size, row.rounded) << row.asked;
+        const Pool pieces = make_pool(8192);
+        ASSERT_NE(cm_mem_alloc(pieces.get(), row.asked), nullptr);
+        EXPECT_EQ(pieces->used, row.rounded) << row.asked;
+        EXPECT_EQ(pieces->current->used, row.rounded) << row.asked;
+    }
+}
+
+TEST(Pool, PiecesLieEndToEndAndAreZeroed) {
+    const Pool pool = make_pool(96);
+    auto *first = static_cast<unsigned char *>(cm_mem_alloc(pool.get(), 1));
+    auto *second = static_cast<unsigned char *>(cm_mem_alloc(pool.get(), 60));
+    EXPECT_EQ(first, reinterpret_cast<unsigned char *>(pool->current) + 32);
+    EXPECT_EQ(second, first + 32);
+    for (int i = 0; i < 60; i++) ASSERT_EQ(second[i], 0);
+    EXPECT_NE(cm_mem_alloc(pool.get(), 28), nullptr);
+    EXPECT_EQ(blocks_of(*pool), 1);
+    EXPECT_NE(cm_mem_alloc(pool.get(), 1), nullptr);
+    EXPECT_EQ(blocks_of(*pool), 2);
+    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_alloc(pool.get(), 0), nullptr); }), "");
+    EXPECT_EQ(cm_mem_free(pool.get(), first), 1);
+    EXPECT_EQ(pool->used, 32u);
+}
+
+TEST(Pool, GuardStandsBehindEveryPiece) {
+    const Pool pool = make_pool(1024);
+    const auto *piece = static_cast<unsigned char *>(cm_mem_alloc(pool.get(), 20));
+#if defined(__SANITIZE_ADDRESS__)
+    EXPECT_FALSE(__asan_address_is_poisoned(piece + 19));
+    EXPECT_TRUE(__asan_address_is_poisoned(piece + 20));
+    EXPECT_TRUE(__asan_address_is_poisoned(piece + 32));
+#else
+    uint32_t guard = 0;
+    memcpy(&guard, piece + 28, sizeof guard);
+    EXPECT_EQ(guard, CM_GUARD);
+#endif
+}
+
+TEST(Pool, LargeRequestRaisesTheBlockSizeForGood) {
+    const Pool pool = make_pool(1024);
+    ASSERT_NE(cm_mem_alloc(pool.get(), 2000), nullptr);
+    EXPECT_EQ(pool->block_size, 2016u);
+    EXPECT_EQ(blocks_of(*pool), 1) << "the empty block makes way";
+    EXPECT_EQ(static_cast<int32_t>(pool->total), 32 - 1056 + 32);
+    ASSERT_NE(cm_mem_alloc(pool.get(), 3000), nullptr);
+    EXPECT_EQ(blocks_of(*pool), 2) << "a block in use stays";
+    EXPECT_EQ(pool->current->next->size, 2016u);
+    ASSERT_NE(cm_mem_alloc(pool.get(), 1), nullptr);
+    EXPECT_EQ(pool->block_size, 3008u);
+}
+
+TEST(Pool, LimitStopsNewBlocksSilently) {
+    const Pool pool = make_pool(28);
+    pool->limit = 40;
+    EXPECT_NE(cm_mem_alloc(pool.get(), 28), nullptr);
+    EXPECT_NE(cm_mem_alloc(pool.get(), 28), nullptr);
+    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_alloc(pool.get(), 28), nullptr); }), "");
+}
+
+TEST(Pool, DamagedHandleIsReported) {
+    const struct {
+        const char *name;
+        void (*damage)(cm_mem_pool &pool);
+    } rows[] = {
+        {"magic", [](cm_mem_pool &pool) { pool.magic = 0x1234; }},
+        {"block size below 32", [](cm_mem_pool &pool) { pool.block_size = pool.current->size = 31; }},
+        {"block size unlike the block's", [](cm_mem_pool &pool) { pool.block_size += 32; }},
+        {"used", [](cm_mem_pool &pool) { pool.used = pool.block_size + 1; }},
+        {"payload", [](cm_mem_pool &pool) { pool.payload = nullptr; }},
+        {"no block", [](cm_mem_pool &pool) { pool.current = nullptr; }},
+        {"block's used", [](cm_mem_pool &pool) { pool.current->used = pool.current->size + 1; }},
+        {"block's magic", [](cm_mem_pool &pool) { pool.current->magic = 0; }},
+    };
+    for (const auto &row : rows) {
+        const Pool pool = make_pool(64);
+        const cm_mem_pool saved = *pool;
+        const cm_mem_block saved_block = *pool->current;
+        row.damage(*pool);
+        EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_alloc(pool.get(), 8), nullptr); }), kBadAlloc)
+            << row.name;
+        *pool = saved;
+        *pool->current = saved_block;
+        EXPECT_NE(cm_mem_alloc(pool.get(), 8), nullptr) << row.name;
+    }
+}
+
+TEST(Pool, SecondReleaseIsReportedNotRepeated) {
+    cm_mem_pool *pool = make_pool(64).release();
+    EXPECT_EQ(cm_mem_exit(pool), 1);
+    const std::string invalid = message("cm_mem_exit() The memory handle provided is invalid.");
+    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_exit(pool), 0); }), invalid);
+    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_alloc(pool, 8), nullptr); }), kBadAlloc);
+    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_exit(nullptr), 0); }), "");
+    const Pool next = make_pool(64);
+    EXPECT_EQ(next.get(), pool) << "handles are recycled";
+}
+
+TEST(Pool, CorruptPoolIsNotFreed) {
+    const Pool pool = make_pool(64);
+    const cm_mem_pool saved = *pool;
+    pool->payload = nullptr;
+    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_exit(pool.get()), 0); }), kCorrupt);
+    *pool = saved;
+    EXPECT_NE(cm_mem_alloc(pool.get(), 8), nullptr);
+}
+
+TEST(Pool, ReleaseStopsAtTheFirstCorruptBlock) {
+    LeakCheck leaks;
+    cm_mem_pool *pool = make_pool(28).release();
+    for (int i = 0; i < 4; i++) cm_mem_alloc(pool, 28);
+    cm_mem_block *const second = pool->current->next, *const third = second->next, *const oldest = third->next;
+    second->magic = 0;
+    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_exit(pool), 0); }), kCorrupt);
+    EXPECT_EQ(leaks.outstanding(), 3u) << "that block and the older ones stay";
+    for (cm_mem_block *block : {second, third, oldest}) cm_mem_free(nullptr, block);
+}
+
+TEST(Pool, EveryFailureOfMemoryIsReportedAndLosesNothing) {
+    EXPECT_EQ(captured_standard_error([] {
+                  cm_mem_pool *pool = reinterpret_cast<cm_mem_pool *>(1);
+                  EXPECT_EQ(cm_mem_init(nullptr, &pool, 0), 0);
+                  EXPECT_EQ(pool, nullptr);
+              }),
+              message("cm_mem_init() An invalid memory block size was specified."));
+    for (const uint32_t absurd : {0x7FFFFFF0u, UINT32_MAX - 34, UINT32_MAX}) {
+        const Pool pool = make_pool(64);
+        EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_alloc(pool.get(), absurd), nullptr); }), kNoBlock);
+        EXPECT_NE(cm_mem_alloc(pool.get(), 28), nullptr);
+        cm_mem_pool *none = nullptr;
+        EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_init(nullptr, &none, absurd), 0); }), kNoBlock);
+    }
+    LeakCheck leaks;
+    for (int k = 1;; k++) {
+        cm::blocks::trim();
+        Faults faults(Faults::kAllocations, k);
+        bool ok = true;
+        const std::string told = captured_standard_error([&] {
+            cm_mem_pool *pool = nullptr;
+            ok = cm_mem_init(nullptr, &pool, 64) != 0;
+            if (!ok) return;
+            for (const uint32_t size : {2000u, 28u, 1900u, 4000u}) {  // drops the first block, fills, raises
+                const uint32_t before = pool->block_size;
+                if (cm_mem_alloc(pool, size) != nullptr) continue;
+                ok = false;
+                EXPECT_EQ(pool->block_size, before);
+                EXPECT_NE(cm_mem_alloc(pool, size), nullptr) << "the pool is whole and the next try succeeds";
+            }
+            EXPECT_EQ(cm_mem_exit(pool), 1);
+        });
+        EXPECT_EQ(leaks.outstanding(), 0u) << k;
+        EXPECT_EQ(ok, faults.injected() == 0) << k;
+        EXPECT_EQ(told, ok ? "" : kNoBlock) << k;
+        if (ok) break;
+    }
+    Faults faults(Faults::kAllocations, 1);
+    EXPECT_EQ(captured_standard_error([] { EXPECT_EQ(cm_mem_alloc(nullptr, 8), nullptr); }),
+              message("cm_mem_alloc() Failure allocating memory block."));
+}
+
+TEST(Pool, HandlesThatCannotBeMadeAreReported) {
+    std::vector<Pool> pools;
+    std::string told;
+    while (told.empty() && pools.size() < 1000) {
+        Faults one(Faults::kAllocations, 1);
+        cm::blocks::trim();
+        cm_mem_pool *pool = nullptr;
+        const std::string now = captured_standard_error([&] { cm_mem_init(nullptr, &pool, 32); });
+        EXPECT_EQ(pool, nullptr);
+        if (now != kNoBlock) told = now;
+        pools.push_back(nullptr);
+        if (told.empty() && cm_mem_init(nullptr, &pool, 32)) pools.back().reset(pool);
+    }
+    EXPECT_EQ(told, message("Failure allocating memory block."));
+}
+
+TEST(Pool, OwnersLevelDecidesWhatIsReported) {
+    auto quiet = std::make_unique<cm_context>();
+    quiet->trace_level = CM_FATAL;
+    EXPECT_EQ(captured_standard_error([&] {
+                  cm_mem_pool *pool = nullptr;
+                  EXPECT_EQ(cm_mem_init(quiet.get(), &pool, 0), 0);
+              }),
+              "");
+}
+
+TEST(Pool, TextsAreCopiedAndEmptyOnesAreNone) {
+    const Pool pool = make_pool(256);
+    const struct {
+        const char *text;
+        int32_t length;
+        const char *stored;
+    } rows[] = {{"abc", CM_LEN_TEXT, "abc"}, {"abc", 2, "ab"},      {"", CM_LEN_TEXT, nullptr},     {"abc", 0, nullptr},
+                {"abc", -1, nullptr},        {nullptr, 5, nullptr}, {nullptr, CM_LEN_TEXT, nullptr}};
+    for (const auto &row : rows) {
+        char *stored = const_cast<char *>("old");
+        int32_t length = 99;
+        EXPECT_EQ(cm_mem_savestr(pool.get(), row.text, row.length, &stored, &length), 1);
+        EXPECT_STREQ(stored, row.stored);
+        EXPECT_EQ(length, row.stored == nullptr ? 0 : static_cast<int32_t>(strlen(row.stored)));
+    }
+    char *stored = nullptr;
+    EXPECT_EQ(cm_mem_savestr(pool.get(), "x", 1, &stored, nullptr), 1);
+    Faults faults(Faults::kAllocations, 1);
+    captured_standard_error([&] { EXPECT_EQ(cm_mem_savestr(nullptr, "x", 1, &stored, nullptr), 0); });
+    EXPECT_EQ(stored, nullptr);
+}
+
+TEST(Pool, HexadecimalPairsBecomeBytes) {
+    const struct {
+        const char *text;
+        int result;
+        std::string bytes;
+    } rows[] = {
+        {"4142", 1, "AB"},      {"41420A", 1, "AB\x14"}, {"4A", 1, "\x14"}, {"AA", 1, "\x14"}, {"A4", 1, "\xA4"},
+        {"F9xy0", 1, "\xF9xy"}, {"a4", 1, "a"},          {"4x", 0, ""},     {"4a", 0, ""},     {"", 0, ""},
+        {"zz-", 1, "zz-"},      {"9F", 1, "\x1E"},
+    };
+    for (const auto &row : rows) {
+        for (const bool pooled : {true, false}) {
+            const Pool pool = make_pool(64);
+            cm_mem_pool *const from = pooled ? pool.get() : nullptr;
+            unsigned char *bytes = nullptr;
+            int32_t length = -1;
+            ASSERT_EQ(cm_mem_savebin(from, row.text, CM_LEN_TEXT, &bytes, &length), row.result) << row.text;
+            EXPECT_EQ(bytes != nullptr, row.result == 1) << row.text;
+            if (row.result) {
+                EXPECT_EQ(std::string(bytes, bytes + length), row.bytes) << row.text;
+            }
+            cm_mem_free(from, bytes);
+        }
+    }
+    unsigned char *bytes = reinterpret_cast<unsigned char *>(1);
+    EXPECT_EQ(cm_mem_savebin(nullptr, nullptr, 4, &bytes, nullptr), 1);
+    EXPECT_EQ(bytes, nullptr);
+    EXPECT_EQ(cm_mem_savebin(nullptr, "41", -7, &bytes, nullptr), 0);
+}
+
+TEST(Pool, SharedPiecesComeFromTheContextsPool) {
+    auto ctx = std::make_unique<cm_context>();
+    const Pool pool = make_pool(64);
+    ctx->common_pool = pool.get();
+    EXPECT_NE(cm::shared_allocate(ctx.get(), 8), nullptr);
+    const char *text = nullptr;
+    int32_t length = 0;
+    EXPECT_TRUE(cm::shared_text(ctx.get(), "abc", 2, &text, &length));
+    EXPECT_STREQ(text, "ab");
+    EXPECT_EQ(pool->used, 64u);
+}
+
+// ---- kept blocks
+// -----------------------------------------------------------------------------------------------------
+
+TEST(KeptBlocks, NextPoolFindsThemZeroed) {
+    cm_mem_block *block = nullptr;
+    for (int life = 0; life < 3; life++) {
+        const Pool pool = make_pool(4096);
+        if (cm::blocks::kKept && life > 0) {
+            EXPECT_EQ(pool->current, block);
+        }
+        block = pool->current;
+        auto *piece = static_cast<unsigned char *>(cm_mem_alloc(pool.get(), 4000));
+        for (int i = 0; i < 4000; i++) ASSERT_EQ(piece[i], 0);
+        memset(piece, 0xFF, 4000);
+        EXPECT_EQ(block->next, nullptr);
+    }
+}
+
+TEST(KeptBlocks, AreBoundedAndOtherSizesMakeWay) {
+    LeakCheck leaks;
+    const auto &os = cm::platform::os;
+    constexpr size_t kLarge = 32768, kSmall = 1024;
+    {
+        cm::blocks::Visit visit;
+        EXPECT_EQ(visit.take(kLarge), nullptr);
+        for (int i = 0; i < 20; i++) visit.give(os.allocate(kLarge), kLarge);
+        for (int i = 0; i < 40; i++) visit.give(os.allocate(kSmall), kSmall);
+        visit.give(os.allocate(2 * cm::blocks::kShelfBytes), 2 * cm::blocks::kShelfBytes);
+        EXPECT_EQ(visit.take(kSmall + 32), nullptr);
+        size_t large = 0, small = 0;
+        while (void *block = visit.take(kLarge)) os.release(block), large++;
+        while (void *block = visit.take(kSmall)) os.release(block), small++;
+        EXPECT_EQ(small, 40u);
+        EXPECT_EQ(large, (cm::blocks::kShelfBytes - 40 * kSmall) / kLarge);
+        visit.give(os.allocate(kSmall), kSmall);
+    }
+    cm::blocks::trim();
+    EXPECT_EQ(leaks.outstanding(), 0u);
+}
+
+TEST(KeptBlocks, BusyShelfIsPassedBy) {
+    LeakCheck leaks;
+    cm::blocks::Visit holder, passer;
+    passer.give(cm::platform::os.allocate(1024), 1024);
+    EXPECT_EQ(leaks.outstanding(), 0u);
+    EXPECT_EQ(passer.take(1024), nullptr);
+}
+
+}  // namespace
