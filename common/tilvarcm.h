@@ -333,7 +333,8 @@ CM_API int16_t CM_CALL cm_lwrite(cm_file *file, const char *text, int32_t length
  * in the buffer reach the new file: cm_lwrite with length 0 and mode 1 writes them to the old one before.
  *   old_name  null: the old lines are given up
  *   compress  1: the old file becomes a gzip file of the same name
- * 0: not open, or the new file cannot be opened; `file` is then closed. */
+ * Result: 1, or 0 when something was not done.  A log that could not be renamed goes on as it is.  A log whose new file
+ * cannot be opened takes no more lines, and cm_fclose gives its handle back. */
 CM_API int16_t CM_CALL cm_lrotate(cm_file *file, cm_mutex *mutex, const char *name, const char *old_name, int16_t compress);
 
 /* Opens a log file of the log directory.  An existing "x.log" is renamed to "x.old" before, unless the flags are exactly
@@ -659,6 +660,9 @@ CM_API int16_t CM_CALL cm_delete_entry(cm_context *ctx, const char *file, const 
 CM_API int16_t CM_CALL cm_update_entry(cm_context *ctx, const char *file, const char *backup, const char *section, const char *name, const char *value);
 
 /* ---------- files and directories ---------- */
+
+/* An open file: a file of the system, a file served from the cache, or a text in memory; reading looks the same for all.
+ * Handles are the library's: a caller reads their fields and passes them on. */
 struct cm_file {
     cm_file      *next;
     const char   *buffer;        /* data being read */
@@ -666,57 +670,115 @@ struct cm_file {
     char         *push_back;     /* 1024 bytes, of the configuration reader */
     cm_cache_rec *cache_entry;   /* the cached file that `buffer` reads, kind 2 */
     cm_context   *ctx;
-    int32_t       descriptor;
+    int32_t       descriptor;    /* -1: none */
     int32_t       read_offset;
-    int32_t       available;
-    int32_t       total;
-    uint32_t      position;
-    int32_t       lines;
+    int32_t       available;     /* bytes not yet read in `buffer` */
+    int32_t       total;         /* bytes of all the data, kinds 2 and 3 */
+    uint32_t      position;      /* bytes consumed by reads */
+    int32_t       lines;         /* lines read, empty ones too; of a log: written since it was opened or last wrapped */
     int32_t       name_length;   /* of the whole path, uncut */
     char          name[256];     /* cut to 255 */
-    int32_t       kind;          /* 1 file, 2 cached, 3 memory */
+    int32_t       kind;          /* 1 file, 2 cached, 3 memory, 0 closed */
     int32_t       eof;
     int32_t       push_length;
-    int32_t       open_mark;     /* 1 while open */
+    /* hidden */
+    int32_t       open_mark;     /* 1 while open; 0 also for a log that could not be reopened by a rotation */
     int32_t       fill;          /* bytes waiting in own_buffer to be written (log files) */
 };
+/* Times in seconds; a size of 4 GiB or more is shown as UINT32_MAX. */
 typedef struct cm_stat_rec { uint32_t index, mode, size, mtime, ctime, atime; } cm_stat_rec;
+/* kind: 1 end of the listing, 2 folder, 3 regular file, 5 anything else or what cannot be examined */
 typedef struct cm_dirent { int32_t kind; uint32_t mode; uint32_t links; uint32_t size; uint32_t mtime; char name[260]; } cm_dirent;
 typedef struct cm_dir  { void *search; int32_t path_length; char path[260]; int32_t have_first; void *find_record; } cm_dir;
 typedef struct cm_glob { int32_t path_length; char path[260]; void *search; int32_t have_first; void *find_record; } cm_glob;
 
+/* Opening.  `ctx` may be null: then the handle comes from the heap and the cache is not asked.  Every cm_fopen... is
+ * paired with cm_fclose; a second close of a context's handle returns 0.  Folders, pipes and sockets do not open.
+ *   cm_fopen    flags: CM_O_...; anything but CM_O_SEQ with or without CM_O_BINARY makes the cache forget its copy
+ *   cm_fopenc   served from the cache when it has or takes the file; fails when the cache finds the file gone
+ *   cm_fopens   reads `text` (kept, length or -3) in place; `name` is for messages
+ *   cm_fclose   0 as well when something written could not be brought out; the handle is closed all the same, unless it
+ *               was a cached file whose cache refused */
 CM_API int16_t CM_CALL cm_fopen(cm_context *ctx, const char *path, int32_t flags, cm_file **handle_out);
 CM_API int16_t CM_CALL cm_fopenc(cm_context *ctx, const char *path, int32_t flags, cm_file **handle_out);
 CM_API int16_t CM_CALL cm_fopens(cm_context *ctx, const char *name, const char *text, int32_t length, cm_file **handle_out);
+CM_API int16_t CM_CALL cm_fclose(cm_file *handle);
+
+/* Reading and writing.  The end of the file is a success with nothing got; a file that cannot be read fails.
+ *   cm_fread    got: bytes stored, below `count` only at the end
+ *   cm_fgetl    the next line that is not empty, without its line feed (a carriage return before it stays), terminated.
+ *               `line` has size + 1 bytes.  A longer line fails, or with allow_long set is cut; full_length is its whole
+ *               length
+ *   cm_fwrite   files of the system only.  A write that stops half way is a success: compare `written`
+ *   cm_lseek    whence: CM_SEEK_...  In a file of the system CM_SEEK_CURRENT counts from where the descriptor stands, up
+ *               to 1024 bytes ahead of the reader, and after CM_SEEK_END cm_fgetl reads no more until a seek from the
+ *               start.  In cached files and texts only CM_SEEK_START works
+ *   cm_hexwrite 16 bytes a line: offset, hexadecimal bytes, characters; `mutex` may be null, else it is held meanwhile */
 CM_API int16_t CM_CALL cm_fread(cm_file *handle, void *buffer, int32_t count, int32_t *got);
 CM_API int16_t CM_CALL cm_fgetl(cm_file *handle, int16_t allow_long, char *line, int32_t size, int32_t *got, int32_t *full_length);
 CM_API int16_t CM_CALL cm_fwrite(cm_file *handle, const void *data, int32_t length, int32_t *written);
 CM_API int16_t CM_CALL cm_lseek(cm_file *handle, int32_t offset, int32_t whence);
-CM_API int16_t CM_CALL cm_fclose(cm_file *handle);
+CM_API int16_t CM_CALL cm_hexwrite(cm_file *handle, cm_mutex *mutex, const void *data, int32_t length);
+
+/* What is known of a path.  Links are followed.  The first three refuse the names of devices (aux, con, nul,
+ * prn, com1 to com9, lpt1 to lpt9, clock$, config$, with any ending, in any folder) on every system.  With use_cache set
+ * and a file cache running, the cache answers, and then cm_isexe looks at the owner's execute bit alone and device names
+ * are not refused here.
+ *   cm_access       mode: CM_ACCESS_...
+ *   cm_isempty, cm_isreadonly   1 also for what cannot be examined */
 CM_API int16_t CM_CALL cm_stat(cm_context *ctx, const char *path, int16_t use_cache, cm_stat_rec *record);
-CM_API int16_t CM_CALL cm_access(const char *path, int32_t mode);
-CM_API int16_t CM_CALL cm_isempty(const char *path);
-CM_API int16_t CM_CALL cm_isreadonly(const char *path);
 CM_API int16_t CM_CALL cm_isfile(cm_context *ctx, const char *path, int16_t use_cache);
 CM_API int16_t CM_CALL cm_isexe(cm_context *ctx, const char *path, int16_t use_cache);
 CM_API int16_t CM_CALL cm_isdirectory(const char *path);
+CM_API int16_t CM_CALL cm_access(const char *path, int32_t mode);
+CM_API int16_t CM_CALL cm_isempty(const char *path);
+CM_API int16_t CM_CALL cm_isreadonly(const char *path);
+
+/* Changing files.
+ *   cm_rename     replaces `to` in one step.  A missing `from` fails, and `to` is removed all the same
+ *   cm_unlink     waits a second after each failed try.  After one failure all tries are used and the result is 0, even
+ *                 when a later one removed the file
+ *   cm_cp         a failed copy leaves what was written; a file is not copied onto itself
+ *   cm_ftruncate  makes the file when there is none; cuts or grows it to `size` bytes */
 CM_API int16_t CM_CALL cm_rename(const char *from, const char *to);
 CM_API int16_t CM_CALL cm_unlink(const char *path, int32_t tries);
 CM_API int16_t CM_CALL cm_cp(cm_context *ctx, const char *from, const char *to);
 CM_API int16_t CM_CALL cm_ftruncate(cm_context *ctx, const char *path, int32_t size);
-CM_API int16_t CM_CALL cm_hexwrite(cm_file *handle, cm_mutex *mutex, const void *data, int32_t length);
+
+/* Joins the root of `ctx` (may be null), a directory (may be null) and a name.  A directory or name whose second byte is
+ * ":" or that begins with "//" or "\\\\" is absolute and drops what stands before it, so text from a peer must not come
+ * here unchecked; a single separator in front does not.
+ *   out         caller's storage of `size` bytes, which must hold the lengths of all three parts and 3 */
 CM_API int16_t CM_CALL cm_build_path(cm_context *ctx, const char *directory, const char *name, char *out, int32_t size, int32_t *out_length);
+
+/* Joins `base` and `relative` (may be null) and takes out "name/../" steps; "\\" becomes "/".  Fails when a step leads
+ * above the start of the text or `size` is too small.
+ * This is no containment check: steps may climb out of `base` ("/r/docs" with "../a" is "/r/a"), a ".." at the very end
+ * and "./" stay, the first byte is left alone, and of "//x" the x goes too.  Compare the result with base and a separator
+ * before trusting it. */
 CM_API int16_t CM_CALL cm_cleanup_path(cm_context *ctx, const char *base, int32_t base_length, const char *relative, int32_t relative_length, char *out, int32_t size, int32_t *out_length);
+
+/* Listings, "." and ".." among the entries, in the file system's order.  Paths have 1 to 259 bytes.  Reading an open
+ * listing never fails.
+ *   pattern     "*" any text, "?" one character, letter case ignored, "*.*" everything; the open fails when nothing matches */
 CM_API int16_t CM_CALL cm_opendir(const char *path, cm_dir *listing);
 CM_API int16_t CM_CALL cm_readdir(cm_dir *listing, cm_dirent *entry);
 CM_API int16_t CM_CALL cm_closedir(cm_dir *listing);
 CM_API int16_t CM_CALL cm_globinit(const char *directory, const char *pattern, cm_glob *listing);
 CM_API int16_t CM_CALL cm_globread(cm_glob *listing, cm_dirent *entry);
 CM_API int16_t CM_CALL cm_globfree(cm_glob *listing);
+
+/* Folders and trees.  A link is never followed by the last four: it is removed as a file, counted by itself, not copied
+ * (which fails the copy), and a `path` that is a link is no folder.
+ *   cm_mkdir     one level
+ *   cm_rmdir     with all that is in it; 1 for what is no folder.  Broken links and special files make it fail
+ *   cm_dirsize   bytes, without entries that begin with "."; all bits set: cannot be examined
+ *   cm_dirfiles  regular files, likewise; -1: cannot be examined
+ *   cm_cpdir     makes `to` when there is none.  What was copied before a failure stays.  `to` must not lie in `from` */
 CM_API int16_t CM_CALL cm_mkdir(const char *path);
 CM_API int16_t CM_CALL cm_rmdir(const char *path);
-CM_API uint32_t CM_CALL cm_dirsize(const char *path);   /* all bits set = cannot be examined */
-CM_API int32_t CM_CALL cm_dirfiles(const char *path);   /* -1 */
+CM_API uint32_t CM_CALL cm_dirsize(const char *path);
+CM_API int32_t CM_CALL cm_dirfiles(const char *path);
 CM_API int16_t CM_CALL cm_cpdir(cm_context *ctx, const char *from, const char *to);
 
 /* ---------- time ---------- */
@@ -809,6 +871,7 @@ CM_API int16_t CM_CALL cm_twowaydecrypt(cm_context *ctx, const char *text, int32
 CM_API int16_t CM_CALL cm_crypt(const char *text, const char *salt, char *out, int32_t size);
 
 /* ---------- compression ---------- */
+/* Replaces a file by its gzip form under the same name, in one step.  On failure the file is as it was. */
 CM_API int16_t CM_CALL cm_zlib_gzip(cm_context *ctx, const char *path);
 
 /* ---------- poll entry ---------- */

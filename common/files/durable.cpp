@@ -38,6 +38,13 @@ void sync_folder(std::string_view path) {
     os.release(folder);
 }
 
+// What is known of a path, or that there is nothing.  An error only when neither can be told.
+Error look_at(const char *path, bool follow, FileStatus *out, bool *found) {
+    const Error error = os.path_status(path, follow, out);
+    *found = error == 0;
+    return error != 0 && os.path_access(path, CM_ACCESS_EXISTS) == 0 ? error : 0;
+}
+
 bool same_file(const FileStatus &a, const FileStatus &b) {
     return a.device == b.device && a.index == b.index;
 }
@@ -102,13 +109,16 @@ public:
 
     Error make(const char *target) {
         FileStatus present, older;
-        if (os.path_status(target, false, &present) != 0) return 0;  // nothing to keep
-        had_older_ = os.path_status(path_, false, &older) == 0;
+        bool had_target = false;
+        Error error = look_at(target, false, &present, &had_target);
+        if (error != 0 || !had_target) return error;
+        error = look_at(path_, false, &older, &had_older_);
+        if (error != 0) return error;
         // A kill between the two renames of an earlier commit leaves both names on one file.  A rename of that file
         // over itself would do nothing, and there is nothing to do.
         if (had_older_ && same_file(present, older)) return 0;
         TemporaryFile kept;
-        Error error = keep_under_temporary(target, path_, kept);
+        error = keep_under_temporary(target, path_, kept);
         if (error == 0 && had_older_) error = keep_under_temporary(path_, path_, older_);
         if (error == 0) error = os.path_rename(kept.path(), path_);
         if (error != 0) return error;
@@ -212,9 +222,11 @@ bool DurableFile::create(const char *target, const char *temporary) {
         error_ = 0;
     }
     FileStatus old, made;
-    if (os.path_status(target, true, &old) != 0) return true;
-    const Error error = os.file_status(descriptor_, &made);
+    bool replaces = false;
+    Error error = look_at(target, true, &old, &replaces);
+    if (error == 0 && replaces) error = os.file_status(descriptor_, &made);
     if (error != 0) return fail(error);
+    if (!replaces) return true;
     final_mode_ = made.mode & old.mode & kPermissions;
     narrowed_ = final_mode_ != (made.mode & kPermissions);
     if (!narrowed_) return true;

@@ -1,0 +1,255 @@
+#include "files/cmdir.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+
+#include "files/fixture.h"
+
+namespace cm::test {
+namespace {
+
+TEST(Patterns, Table) {
+    const struct {
+        const char *pattern, *name;
+        bool matches;
+    } rows[] = {
+        {"*", "", true},
+        {"*.*", "README", true},
+        {"*.txt", "A.TXT", true},
+        {"*.txt", "a.txt.bak", false},
+        {"a?c", "abc", true},
+        {"a?c", "ac", false},
+        {"a*b*c", "axxbyyc", true},
+        {"a*b*c", "axxbyyd", false},
+        {"*ab", "aab", true},
+        {"abc*", "abc", true},
+        {"", "a", false},
+        {"?", "\xC3\xA4", true},
+        {"?\xC3\xA4", "a\xC3\xA4", true},
+        {"a.*", "a", false},
+        {"**", "x", true},
+        {"A", "a", true},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(row.matches, files::matches_pattern(row.pattern, row.name)) << row.pattern << ", " << row.name;
+    std::string stars;
+    for (int i = 0; i < 120; i++) stars += "*a";
+    EXPECT_FALSE(files::matches_pattern(stars + "b", std::string(259, 'a')));  // at once
+}
+
+class Directories : public FilesWithContext {
+protected:
+    Directories() : top(folder.make_folder("top")) {
+        folder.write("top/one.txt", "1");
+        folder.write("top/two.TXT", "22");
+        folder.write("top/.hidden", "333");
+        folder.write("top/sub/three", "4444");
+    }
+    // A link, or a skipped test where there are none.
+    bool link(const std::string &to, const std::string &name) const {
+        std::error_code error;
+        std::filesystem::create_symlink(to, path(name), error);
+        return !error;
+    }
+    std::map<std::string, cm_dirent> list() const {
+        std::map<std::string, cm_dirent> all;
+        cm_dir listing;
+        cm_dirent entry;
+        EXPECT_EQ(1, cm_opendir((top + "/").c_str(), &listing));
+        while (cm_readdir(&listing, &entry) == 1 && entry.kind != 1) all[entry.name] = entry;
+        EXPECT_STREQ("", entry.name);
+        EXPECT_EQ(1, cm_readdir(&listing, &entry));
+        EXPECT_EQ(1, entry.kind);
+        EXPECT_EQ(1, cm_closedir(&listing));
+        EXPECT_EQ(0, cm_closedir(&listing));
+        return all;
+    }
+
+    std::string top;
+};
+
+TEST_F(Directories, Listing) {
+    const auto all = list();
+    ASSERT_EQ(6u, all.size());
+    EXPECT_EQ(2, all.at(".").kind);
+    EXPECT_EQ(2, all.at("..").kind);
+    EXPECT_EQ(2, all.at("sub").kind);
+    const cm_dirent &file = all.at("two.TXT");
+    EXPECT_EQ(3, file.kind);
+    EXPECT_EQ(2u, file.size);
+    EXPECT_EQ(1u, file.links);
+    EXPECT_EQ(0100000u, file.mode & 0170000u);
+    EXPECT_GT(file.mtime, 1700000000u);
+    const Replaced status(
+        os.path_status, +[](const char *, bool, platform::FileStatus *) -> platform::Error { return 5; });
+    EXPECT_EQ(5, list().at("two.TXT").kind);
+}
+
+TEST_F(Directories, Patterns) {
+    const struct {
+        const char *pattern;
+        std::vector<std::string> names;
+    } rows[] = {
+        {"*.txt", {"one.txt", "two.TXT"}},
+        {"*.*", {".", "..", ".hidden", "one.txt", "sub", "two.TXT"}},
+        {"s?b", {"sub"}},
+        {"*.doc", {}},
+        {"", {}},
+        {"sub/*", {}},
+    };
+    for (const auto &row : rows) {
+        const LeakCheck leaks;
+        cm_glob listing;
+        cm_dirent entry;
+        std::vector<std::string> names;
+        EXPECT_EQ(row.names.empty() ? 0 : 1, cm_globinit(top.c_str(), row.pattern, &listing)) << row.pattern;
+        while (cm_globread(&listing, &entry) == 1 && entry.kind != 1) names.push_back(entry.name);
+        std::sort(names.begin(), names.end());
+        EXPECT_EQ(row.names, names) << row.pattern;
+        EXPECT_EQ(row.names.empty() ? 0 : 1, cm_globfree(&listing));
+        EXPECT_EQ(0u, leaks.outstanding());
+    }
+    for (int k = 1; k <= 3; k++) {
+        const LeakCheck leaks;
+        const Faults faults(Faults::kBoth, k);
+        cm_glob listing;
+        if (cm_globinit(top.c_str(), "*", &listing) != 0) cm_globfree(&listing);
+        EXPECT_EQ(0u, leaks.outstanding());
+    }
+}
+
+TEST_F(Directories, LongestPaths) {
+    cm_dir listing;
+    EXPECT_EQ(0, cm_opendir("", &listing));
+    EXPECT_EQ(0, cm_opendir(nullptr, &listing));
+    EXPECT_EQ(0, cm_opendir(path("missing").c_str(), &listing));
+    EXPECT_EQ(1, cm_opendir("/", &listing));
+    EXPECT_EQ(1, cm_closedir(&listing));
+    for (const size_t length : {258u, 259u, 260u, 261u}) {
+        std::string name = folder.path() + "/" + std::to_string(length) + "/";
+        name += std::string(200, 'd') + "/";
+        name += std::string(length - name.size(), 'e');
+        const std::string relative = name.substr(folder.path().size() + 1);
+        folder.write(relative + "/f", "12");
+        ASSERT_EQ(length <= 259 ? 1 : 0, cm_opendir(name.c_str(), &listing)) << length;
+        EXPECT_EQ(length <= 259 ? 2u : UINT32_MAX, length <= 259 ? cm_dirsize(name.c_str()) : UINT32_MAX);
+        if (length > 259) continue;
+        // Together with "f" the path is examined up to 260 bytes, with ".." up to 258.
+        cm_dirent entry;
+        while (cm_readdir(&listing, &entry) == 1 && entry.kind != 1)
+            EXPECT_EQ(length + strlen(entry.name) < 261 ? (entry.name[0] == 'f' ? 3 : 2) : 5, entry.kind)
+                << length << entry.name;
+        EXPECT_EQ(1, cm_closedir(&listing));
+        EXPECT_EQ(1, cm_rmdir(name.c_str())) << length;
+    }
+}
+
+TEST_F(Directories, Sums) {
+    EXPECT_EQ(1u + 2u + 4u, cm_dirsize(top.c_str()));  // nothing hidden
+    EXPECT_EQ(3, cm_dirfiles(top.c_str()));
+    EXPECT_EQ(2u, cm_dirsize((top + "/two.TXT").c_str()));
+    EXPECT_EQ(1, cm_dirfiles((top + "/two.TXT").c_str()));
+    EXPECT_EQ(UINT32_MAX, cm_dirsize(path("missing").c_str()));
+    EXPECT_EQ(-1, cm_dirfiles(path("missing").c_str()));
+    EXPECT_EQ(UINT32_MAX, cm_dirsize(nullptr));
+    const Replaced listing(
+        os.directory_open, +[](const char *, void **) -> platform::Error { return 5; });
+    EXPECT_EQ(0u, cm_dirsize(top.c_str()));
+    EXPECT_EQ(-1, cm_dirfiles(top.c_str()));
+}
+
+TEST_F(Directories, RemovingATree) {
+    EXPECT_EQ(1, cm_rmdir(path("missing").c_str()));  // kept: no folder, nothing to do
+    EXPECT_EQ(1, cm_rmdir((top + "/one.txt").c_str()));
+    EXPECT_TRUE(folder.exists("top/one.txt"));
+    os.path_set_mode((top + "/one.txt").c_str(), 0444);
+    EXPECT_EQ(1, cm_rmdir((top + "/").c_str()));
+    EXPECT_FALSE(folder.exists("top"));
+    EXPECT_EQ(0, cm_mkdir(path("no/such").c_str()));
+    EXPECT_EQ(1, cm_mkdir(top.c_str()));
+    EXPECT_EQ(1, cm_isdirectory(top.c_str()));
+}
+
+TEST_F(Directories, RemovingAndCopyingWithEveryFailedStep) {
+    for (int k = 1;; k++) {
+        const FrozenClock clock;
+        folder.write("tree/a/f", "1");
+        folder.write("tree/b", "2");
+        int16_t copied = 0, removed = 0;
+        int64_t injected = 0;
+        {
+            const LeakCheck leaks;
+            const Faults faults(Faults::kFiles | Faults::kAllocations, k);
+            copied = cm_cpdir(nullptr, path("tree").c_str(), path("copy").c_str());
+            removed = cm_rmdir(path("tree").c_str());
+            injected = faults.injected();
+            EXPECT_EQ(0u, leaks.outstanding()) << k;
+        }
+        if (copied != 0) {
+            EXPECT_EQ("1", folder.read("copy/a/f")) << k;
+        }
+        if (copied != 0) {
+            EXPECT_EQ("2", folder.read("copy/b")) << k;
+        }
+        // A folder that could not be examined counts as none.
+        if (removed != 0 && injected == 0) {
+            EXPECT_FALSE(folder.exists("tree"));
+        }
+        folder.remove("tree");
+        folder.remove("copy");
+        if (injected == 0) break;
+    }
+}
+
+TEST_F(Directories, LinksAreNeverFollowed) {
+    folder.write("outside/precious", "12345678");
+    if (!link(path("outside"), "top/sub/away")) GTEST_SKIP() << "no links here";
+    ASSERT_TRUE(link(path("outside/precious"), "top/sub/file") && link(top, "top/sub/round"));
+    EXPECT_EQ(2, [&] {
+        cm_dir listing;
+        cm_dirent entry;
+        cm_opendir((top + "/sub").c_str(), &listing);
+        while (cm_readdir(&listing, &entry) == 1 && entry.kind != 1 && strcmp(entry.name, "away") != 0) {
+        }
+        cm_closedir(&listing);
+        return entry.kind;  // a listing shows what a link leads to
+    }());
+    platform::FileStatus before, status;
+    ASSERT_EQ(0, os.path_status(path("outside/precious").c_str(), true, &before));
+    EXPECT_EQ(3, cm_dirfiles(top.c_str()));
+    EXPECT_LT(cm_dirsize(top.c_str()), 1000u);
+    EXPECT_EQ(0, cm_cpdir(ctx, top.c_str(), path("copy").c_str()));
+    EXPECT_FALSE(folder.exists("copy/sub/away/precious"));
+    EXPECT_EQ(1, cm_rmdir((top + "/sub/away").c_str()));  // a link is no folder
+    EXPECT_TRUE(folder.exists("top/sub/away"));
+    EXPECT_EQ(1, cm_rmdir(top.c_str()));
+    EXPECT_FALSE(folder.exists("top"));
+    EXPECT_EQ("12345678", folder.read("outside/precious"));
+    ASSERT_EQ(0, os.path_status(path("outside/precious").c_str(), true, &status));
+    EXPECT_EQ(before.mode, status.mode);
+
+    folder.make_folder("broken");
+    ASSERT_TRUE(link(path("nowhere"), "broken/link"));
+    EXPECT_EQ(0, cm_rmdir(path("broken").c_str()));  // kept: what cannot be examined stays
+    EXPECT_EQ((std::vector<std::string>{"link"}), folder.names("broken"));
+
+    folder.write("from/f", "new");
+    folder.make_folder("to");
+    ASSERT_TRUE(link(path("outside/precious"), "to/f"));
+    EXPECT_EQ(0, cm_cpdir(ctx, path("from").c_str(), path("to").c_str()));
+    EXPECT_EQ("12345678", folder.read("outside/precious"));
+}
+
+TEST_F(Directories, CopyingATree) {
+    EXPECT_EQ(1, cm_cpdir(ctx, top.c_str(), path("copy").c_str()));
+    EXPECT_EQ("4444", folder.read("copy/sub/three"));
+    EXPECT_EQ("333", folder.read("copy/.hidden"));
+    EXPECT_EQ(1, cm_cpdir(ctx, top.c_str(), path("copy").c_str()));  // onto itself once more
+    EXPECT_EQ(0, cm_cpdir(ctx, path("top/one.txt").c_str(), path("copy").c_str()));
+    EXPECT_EQ(0, cm_cpdir(ctx, top.c_str(), path("no/such").c_str()));
+    EXPECT_EQ(0, cm_cpdir(ctx, top.c_str(), nullptr));
+}
+
+}  // namespace
+}  // namespace cm::test

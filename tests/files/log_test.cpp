@@ -1,0 +1,188 @@
+#include <zlib.h>
+
+#include "files/fixture.h"
+
+namespace cm::test {
+namespace {
+
+constexpr int32_t kFresh = CM_O_RDWR | CM_O_CREAT | CM_O_TRUNC, kAppend = CM_O_RDWR | CM_O_APPEND | CM_O_CREAT;
+
+std::string inflated(const std::string &bytes) {
+    z_stream stream = {};
+    std::string out(1 << 20, '\0');
+    EXPECT_EQ(Z_OK, inflateInit2(&stream, 15 + 16));
+    stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(bytes.data()));
+    stream.avail_in = static_cast<uInt>(bytes.size());
+    stream.next_out = reinterpret_cast<Bytef *>(out.data());
+    stream.avail_out = static_cast<uInt>(out.size());
+    EXPECT_EQ(Z_STREAM_END, inflate(&stream, Z_FINISH));
+    EXPECT_EQ(0u, stream.avail_in);
+    out.resize(stream.total_out);
+    inflateEnd(&stream);
+    return out;
+}
+
+class LogFiles : public FilesWithContext {
+protected:
+    LogFiles() { cm_create_mutex(ctx, &mutex); }
+    ~LogFiles() override { cm_delete_mutex(mutex); }
+
+    cm_file *open_log(const char *name, int32_t flags) {
+        cm_file *file = nullptr;
+        EXPECT_EQ(1, cm_fopenl(ctx, name, flags, &file));
+        return file;
+    }
+
+    cm_mutex *mutex = nullptr;
+};
+
+TEST_F(LogFiles, AFreshLogKeepsTheLastOne) {
+    const struct {
+        const char *name;
+        int32_t flags;
+        const char *old_name;  // null: the log is not moved
+        const char *left;      // in the log itself
+    } rows[] = {
+        {"access.log", kFresh, "access.old", ""},
+        {"server.LOG", kFresh, "server.old", ""},
+        {"x.log", kAppend | CM_O_BINARY, "x.old", ""},
+        {"y.log", kAppend, nullptr, "last run"},
+        {"a.lo", kAppend | CM_O_BINARY, nullptr, "last run"},
+        {".log", kAppend | CM_O_BINARY, nullptr, "last run"},
+        {"a.text", kFresh, nullptr, ""},
+    };
+    for (const auto &row : rows) {
+        const std::string log = std::string("log/") + row.name;
+        folder.write(log, "last run");
+        if (row.old_name != nullptr) folder.write(std::string("log/") + row.old_name, "older");
+        EXPECT_EQ(1, cm_fclose(open_log(row.name, row.flags)));
+        EXPECT_EQ(row.left, folder.read(log)) << row.name;
+        if (row.old_name != nullptr) {
+            EXPECT_EQ("last run", folder.read(std::string("log/") + row.old_name));
+        }
+    }
+    EXPECT_EQ(std::vector<std::string>({".log", "a.lo", "a.text", "access.log", "access.old", "server.LOG",
+                                        "server.old", "x.log", "x.old", "y.log"}),
+              folder.names("log"));
+    folder.remove("log/x.log");  // without a log the older one is the only one, and stays
+    EXPECT_EQ(1, cm_fclose(open_log("x.log", kFresh)));
+    EXPECT_EQ("last run", folder.read("log/x.old"));
+    cm_file *file = nullptr;
+    EXPECT_EQ(0, cm_fopenl(ctx, std::string(1024, 'x').c_str(), kFresh, &file));
+}
+
+TEST_F(LogFiles, RotatingKeepsWaitingLinesForTheNewFile) {
+    cm_file *file = open_log("a.log", kFresh);
+    EXPECT_EQ(1, cm_lwrite(file, "first", CM_LEN_TEXT, 0, mutex, 1));
+    EXPECT_EQ(1, cm_lwrite(file, "waiting", CM_LEN_TEXT, 0, mutex, 0));
+    EXPECT_EQ(2, file->lines);
+    folder.write("log/a.1", "older");
+    EXPECT_EQ(1, cm_lrotate(file, mutex, "a.log", "a.1", 0));
+    EXPECT_EQ(0, file->lines);
+    EXPECT_EQ("first\n", folder.read("log/a.1"));
+    EXPECT_EQ("", folder.read("log/a.log"));
+    EXPECT_EQ(1, cm_lwrite(file, "second", CM_LEN_TEXT, 0, mutex, 0));
+    EXPECT_EQ(1, cm_fclose(file));
+    EXPECT_EQ("waiting\nsecond\n", folder.read("log/a.log"));
+    EXPECT_EQ(0, cm_lrotate(file, mutex, "a.log", "a.1", 0));
+    EXPECT_EQ(0, cm_lrotate(nullptr, mutex, "a.log", "a.1", 0));
+}
+
+TEST_F(LogFiles, RotatingWithCompression) {
+    cm_file *file = open_log("a.log", kFresh);
+    std::string expected;
+    for (int i = 0; i < 20000; i++) {
+        const std::string line = "line " + std::to_string(i) + "\n";
+        ASSERT_EQ(1, cm_lwrite(file, line.c_str(), CM_LEN_TEXT, 0, mutex, 0));
+        expected += line;
+    }
+    EXPECT_EQ(1, cm_lwrite(file, nullptr, 0, 0, mutex, 1));
+    EXPECT_EQ(1, cm_lrotate(file, mutex, "a.log", "a.old", 1));
+    EXPECT_EQ(expected, inflated(folder.read("log/a.old")));
+    EXPECT_LT(folder.read("log/a.old").size(), expected.size() / 3);
+    EXPECT_EQ(1, cm_lrotate(file, mutex, "a.log", nullptr, 1));  // nothing was moved, nothing to compress
+    EXPECT_EQ(1, cm_fclose(file));
+    EXPECT_EQ((std::vector<std::string>{"a.log", "a.old"}), folder.names("log"));
+}
+
+platform::Error no_rename(const char *, const char *) {
+    return CM_EACCES;
+}
+platform::Error no_open(const char *, int32_t, int32_t *) {
+    return CM_EMFILE;
+}
+
+TEST_F(LogFiles, ARotationThatFails) {
+    cm_file *file = open_log("a.log", kFresh);
+    EXPECT_EQ(1, cm_lwrite(file, "first", CM_LEN_TEXT, 0, mutex, 1));
+    {
+        const Replaced broken(os.path_rename, no_rename);
+        EXPECT_EQ(0, cm_lrotate(file, mutex, "a.log", "a.old", 0));
+    }
+    const std::string log = folder.absolute("log/a.log"), old = folder.absolute("log/a.old");
+    EXPECT_EQ("Tilvar Server Error: cm_lrotate() Rename of '" + log + "' to '" + old + "' failed.\n", errors());
+    EXPECT_EQ(1, cm_lwrite(file, "second", CM_LEN_TEXT, 0, mutex, 1));
+    EXPECT_EQ("first\nsecond\n", folder.read("log/a.log"));  // what could not be moved goes on
+    {
+        const Replaced broken(os.file_open, no_open);
+        EXPECT_EQ(0, cm_lrotate(file, mutex, "a.log", "a.old", 0));
+    }
+    EXPECT_EQ("Tilvar Server Error: File open of '" + log + "' failed.\n", errors());
+    EXPECT_EQ(0, cm_lwrite(file, "lost", CM_LEN_TEXT, 0, mutex, 1));
+    EXPECT_EQ(0, cm_lrotate(file, mutex, "a.log", "a.old", 0));
+    EXPECT_EQ("first\nsecond\n", folder.read("log/a.old"));
+    EXPECT_EQ(1, cm_fclose(file));
+    EXPECT_EQ(0, cm_fclose(file));
+    EXPECT_EQ(0, ctx->file_open);
+}
+
+TEST_F(LogFiles, CompressingFailsWholeOrNotAtAll) {
+    std::string text;
+    for (int i = 0; i < 30000; i++) text += std::to_string(i * 7919 % 100003);
+    for (int k = 1;; k++) {
+        const std::string name = folder.write("f", text);
+        int16_t done = 0;
+        int64_t injected = 0;
+        {
+            const LeakCheck leaks;
+            const Faults faults(Faults::kBoth, k, Faults::kNoSpace);
+            done = cm_zlib_gzip(ctx, name.c_str());
+            injected = faults.injected();
+            EXPECT_EQ(0u, leaks.outstanding()) << k;
+        }
+        EXPECT_EQ(text, done != 0 ? inflated(folder.read("f")) : folder.read("f")) << k;
+        const std::string said = errors();
+        if (done == 0) {
+            EXPECT_TRUE(said == "Tilvar Server Error: cm_zlib_gzip() Compression of '" + name + "' failed.\n" ||
+                        said == "Tilvar Server Error: File open of '" + name + "' failed.\n")
+                << said;
+        }
+        if (injected == 0) {
+            EXPECT_EQ(1, done);
+            break;
+        }
+    }
+    const std::string empty = folder.write("f", "");
+    EXPECT_EQ(1, cm_zlib_gzip(ctx, empty.c_str()));
+    EXPECT_EQ("", inflated(folder.read("f")));
+}
+
+TEST_F(LogFiles, CopyingAFileIntoTheLog) {
+    const std::string name = folder.write("f", std::string(1024, 'a') + std::string(1000, 'b') + "\n12");
+    cm_logfile(nullptr, "heading", name.c_str());
+    cm_logfile(ctx, "heading", name.c_str());
+    EXPECT_EQ("Tilvar Server Error: heading [file: " + name + "]\n", errors());
+
+    ctx->log_file = open_log("a.log", kFresh);
+    ctx->log_mutex = mutex;
+    cm_logfile(ctx, "heading", name.c_str());
+    EXPECT_EQ(1, cm_fclose(ctx->log_file));
+    const std::vector<std::string> lines = log_lines(path("log/a.log"));
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_EQ("heading", lines[0]);  // dated, and no level
+    EXPECT_EQ(std::string(992, 'a'), lines[1]);
+    EXPECT_EQ(std::string(992, 'b'), lines[2]);  // the second piece, cut: its line feed and "12" are gone
+}
+
+}  // namespace
+}  // namespace cm::test
