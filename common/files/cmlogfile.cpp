@@ -1,6 +1,7 @@
 // Log files as files: opening with the last generation kept, rotating, and copying another file into the log.
 #include <string.h>
 
+#include <algorithm>
 #include <string_view>
 
 #include "core/cmerror.h"
@@ -122,12 +123,18 @@ void cm_logfile(cm_context *ctx, const char *heading, const char *path) {
     }
     FileCloser file;
     if (cm_fopen(ctx, path, kReadSequentialBinary, file.out()) == 0) return;
+    // A file that grows meanwhile (the log itself does) ends where it ended when it was opened.
+    FileStatus status;
+    uint64_t left = UINT64_MAX;
+    if (os.file_status(file.get()->descriptor, &status) == 0 && status.size > 0) left = status.size;
     cm_lwrite(log, heading, CM_LEN_TEXT, ctx->log_size, ctx->log_mutex, kStamp);
     // Kept: the line writer cuts each full piece to its longest line and ends it, so the copy is a digest of the file.
     char piece[kBufferSize];
     int32_t got = 0;
     do {
-        if (cm_fread(file.get(), piece, kBufferSize, &got) == 0 || got == 0) break;
+        const int32_t wanted = static_cast<int32_t>(std::min<uint64_t>(left, kBufferSize));
+        if (cm_fread(file.get(), piece, wanted, &got) == 0 || got == 0) break;
         cm_lwrite(log, piece, got, ctx->log_size, ctx->log_mutex, 0);
+        left -= static_cast<uint64_t>(got);
     } while (got == kBufferSize);
 }

@@ -184,5 +184,16 @@ TEST_F(LogFiles, CopyingAFileIntoTheLog) {
     EXPECT_EQ(std::string(992, 'b'), lines[2]);  // the second piece, cut: its line feed and "12" are gone
 }
 
+TEST_F(LogFiles, CopyingTheLogIntoItself) {
+    ctx->log_file = open_log("a.log", kFresh);
+    ctx->log_mutex = mutex;
+    const std::string line(999, 'x');
+    for (int i = 0; i < 100; i++) cm_lwrite(ctx->log_file, line.data(), 999, 0, mutex, 1);
+    const size_t size = folder.read("log/a.log").size();
+    cm_logfile(ctx, "heading", path("log/a.log").c_str());
+    EXPECT_EQ(1, cm_fclose(ctx->log_file));
+    EXPECT_LE(folder.read("log/a.log").size(), 2 * size + 100);
+}
+
 }  // namespace
 }  // namespace cm::test
