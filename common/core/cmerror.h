@@ -1,6 +1,7 @@
 // Reporting inside the library: one line in the log for every failure.
 #pragma once
 
+#include "core/relaxed.h"
 #include "tilvarcm.h"
 
 namespace cm {
@@ -13,7 +14,9 @@ constexpr int32_t kMessageSize = 1024;
 void report(cm_context *ctx, int32_t level, const char *format, ...) CM_PRINTF(3, 4);
 
 // Whether a message of that level would be written.
-inline bool admits(const cm_context *ctx, int32_t level) { return ctx == nullptr || level <= ctx->trace_level; }
+inline bool admits(const cm_context *ctx, int32_t level) {
+    return ctx == nullptr || level <= load_relaxed(ctx->trace_level);
+}
 
 // Raises an alert of category "Networking": `subject` is the word, the text is formatted.
 void alert(cm_context *ctx, const char *subject, const char *format, ...) CM_PRINTF(3, 4);

@@ -1,0 +1,363 @@
+// The log: what a line looks like, the ring, the buffer, the standard error stream, error helpers and alerts.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <string>
+
+#include "core/cmblocks.h"
+#include "core/cmcontext.h"
+#include "core/cmerror.h"
+#include "core/cmthread.h"
+#include "support/support.h"
+
+using namespace cm;
+using namespace cm::test;
+
+namespace {
+
+constexpr const char *kStamp = "[2001-09-09 01:46:40] ";  // of the frozen clock
+
+// A context with nothing but a log, and the file that it writes.
+class Log : public testing::Test {
+protected:
+    Log() {
+        clock_.set_zone(0);
+        open();
+        ctx_->trace_level = CM_INFO;
+        ctx_->log_file = &file_;
+    }
+    ~Log() override {
+        ctx_refcount = 0;
+        ctx_global = nullptr;
+        platform::os.file_close(file_.descriptor);
+    }
+
+    void open() {
+        const int32_t flags = CM_O_CREAT | CM_O_TRUNC | CM_O_RDWR | CM_O_BINARY;
+        ASSERT_EQ(platform::os.file_open(folder_.path("server.log").c_str(), flags, &file_.descriptor), 0);
+        file_.kind = 1;
+        file_.open_mark = 1;
+        file_.own_buffer = buffer_;
+        file_.ctx = ctx_.get();
+    }
+    void start() {  // as far as cm_ctx_global sees
+        ctx_global = ctx_.get();
+        ctx_refcount = 1;
+    }
+    void empty() {
+        file_.fill = file_.lines = 0;
+        int64_t position;
+        platform::os.file_resize(file_.descriptor, 0);
+        platform::os.file_seek(file_.descriptor, 0, CM_SEEK_START, &position);
+    }
+    std::string written() { return folder_.read("server.log"); }
+    void line(const std::string &text, int32_t limit = 0, int32_t mode = 1) {
+        EXPECT_EQ(cm_lwrite(&file_, text.c_str(), CM_LEN_TEXT, limit, nullptr, mode), 1);
+    }
+    std::string on_standard_error(const std::function<void()> &run) { return captured_standard_error(run); }
+
+    TempFolder folder_;
+    FrozenClock clock_{1000000000};
+    std::unique_ptr<cm_context> ctx_ = std::make_unique<cm_context>();
+    cm_file file_ = {};
+    char buffer_[1025];
+};
+
+TEST_F(Log, EachLevelHasItsPrefixAndTheCeilingHolds) {
+    const struct {
+        int32_t level, ceiling;
+        const char *prefix;  // null: dropped
+    } rows[] = {{CM_FATAL, CM_INFO, "FATAL: "}, {CM_ERROR, CM_INFO, "ERROR: "},  {CM_WARN, CM_WARN, "WARN:  "},
+                {CM_INFO, CM_INFO, "INFO:  "},  {CM_TRACE, CM_TRACE, "TRACE: "}, {35, CM_INFO, "UNKN:  "},
+                {-1, CM_INFO, "UNKN:  "},       {CM_TRACE, CM_INFO, nullptr},    {CM_INFO, CM_WARN, nullptr},
+                {41, CM_INFO, nullptr}};
+    for (const auto &row : rows) {
+        empty();
+        ctx_->trace_level = row.ceiling;
+        cm_log(ctx_.get(), row.level, "100 %s", CM_LEN_TEXT);
+        EXPECT_EQ(written(), row.prefix == nullptr ? "" : std::string(kStamp) + row.prefix + "100 %s\n") << row.level;
+    }
+}
+
+TEST_F(Log, LengthsOfAMessage) {
+    cm_log(ctx_.get(), CM_INFO, "whole", CM_LEN_TEXT);
+    cm_log(ctx_.get(), CM_INFO, "part of it", 4);
+    cm_log(ctx_.get(), CM_INFO, "negative", -1);
+    cm_log(ctx_.get(), CM_INFO, nullptr, 7);
+    cm_log(ctx_.get(), CM_INFO, "ends itself\n", CM_LEN_TEXT);
+    const std::string head = std::string(kStamp) + "INFO:  ";
+    EXPECT_EQ(written(), head + "whole\n" + head + "part\n" + head + "\n" + head + "\n" + head + "ends itself\n");
+}
+
+TEST_F(Log, EveryModeClipsAt992) {
+    for (int32_t length = 985; length <= 1030; length++) {
+        for (const bool ends : {false, true}) {
+            std::string text(static_cast<size_t>(length), 'x');
+            if (ends) text.back() = '\n';
+            std::string kept = text.substr(0, 992);
+            if (kept.back() != '\n') kept += '\n';
+            for (int32_t mode = 0; mode <= 3; mode++) {
+                empty();
+                EXPECT_EQ(cm_lwrite(&file_, text.data(), length, 0, nullptr, mode), 1);
+                EXPECT_EQ(cm_lwrite(&file_, nullptr, 0, 0, nullptr, 1), 1);
+                EXPECT_EQ(written(), ((mode & 2) != 0 ? kStamp : "") + kept) << length << " mode " << mode;
+            }
+            empty();
+            cm_log(ctx_.get(), CM_ERROR, text.data(), length);
+            const std::string composed = (std::string(kStamp) + "ERROR: " + text).substr(0, 992);
+            EXPECT_EQ(written(), composed + "\n") << length;
+        }
+    }
+}
+
+TEST_F(Log, TheRingStartsOverWithoutCutting) {
+    ctx_->log_size = 3;
+    for (const char *text : {"first", "second", "third"}) cm_log(ctx_.get(), CM_INFO, text, CM_LEN_TEXT);
+    const size_t full = written().size();
+    cm_log(ctx_.get(), CM_INFO, "4", CM_LEN_TEXT);
+    const std::string head = std::string(kStamp) + "INFO:  ";
+    EXPECT_EQ(written().size(), full);
+    EXPECT_EQ(written(),
+              head + "4\n" + (head + "first\n" + head + "second\n" + head + "third\n").substr(head.size() + 2));
+    EXPECT_EQ(file_.lines, 1);
+}
+
+TEST_F(Log, TheRingWritesWhatGatheredAtTheOldPlaceFirst) {
+    for (const char *text : {"aa", "bb", "cc"}) line(text, 2, 0);
+    EXPECT_EQ(written(), "aa\nbb\n");
+    EXPECT_EQ(cm_lwrite(&file_, "", CM_LEN_TEXT, 2, nullptr, 1), 1);
+    EXPECT_EQ(written(), "cc\nbb\n");
+    EXPECT_EQ(file_.lines, 1);  // a flush is no line
+}
+
+TEST_F(Log, ANegativeLimitStartsOverWithEachLine) {
+    for (const char *text : {"aaa", "b"}) line(text, -5);
+    EXPECT_EQ(written(), "b\na\n");
+}
+
+TEST_F(Log, LinesGatherUntilTheyNoLongerFit) {
+    const std::string half(511, 'x');
+    line(half, 0, 0);
+    line(half, 0, 0);
+    EXPECT_EQ(file_.fill, 1024);
+    EXPECT_EQ(written(), "");
+    line("y", 0, 0);
+    EXPECT_EQ(written(), half + "\n" + half + "\n");
+    empty();
+    line(half + "\n", 0, 0);  // 512 + 512 would fit, but room for a line feed is asked for each time
+    line(half + "\n", 0, 0);
+    EXPECT_EQ(written(), half + "\n");
+    ctx_->flags = CTX_FLUSH_LOGS;
+    line("z", 0, 0);
+    EXPECT_EQ(written(), half + "\n" + half + "\n" + "z\n");
+}
+
+TEST_F(Log, WhatTheLineWriterRefuses) {
+    EXPECT_EQ(cm_lwrite(&file_, nullptr, 3, 0, nullptr, 1), 0);
+    EXPECT_EQ(cm_lwrite(&file_, nullptr, CM_LEN_TEXT, 0, nullptr, 1), 1);
+    EXPECT_EQ(cm_lwrite(&file_, "x", -7, 0, nullptr, 1), 1);
+    file_.kind = 3;
+    EXPECT_EQ(cm_lwrite(&file_, "x", 1, 0, nullptr, 1), 0);
+    file_.kind = 1;
+    file_.open_mark = 0;
+    EXPECT_EQ(cm_lwrite(&file_, "x", 1, 0, nullptr, 1), 0);
+    cm_log(ctx_.get(), CM_ERROR, "lost while a rotation has it closed", CM_LEN_TEXT);
+    EXPECT_EQ(written(), "");
+}
+
+TEST_F(Log, AFullDiskIsNotTold) {
+    const std::string told = on_standard_error([&] {
+        Faults faults(Faults::kFiles, 1, Faults::kNoSpace, Faults::kFromThenOn);
+        for (int i = 0; i < 3; i++) cm_log(ctx_.get(), CM_ERROR, "lost", CM_LEN_TEXT);
+        EXPECT_EQ(faults.injected(), 3);
+    });
+    EXPECT_EQ(told, "");
+    EXPECT_EQ(file_.fill, 0);
+    empty();
+    cm_log(ctx_.get(), CM_ERROR, "space again", CM_LEN_TEXT);
+    EXPECT_EQ(written(), std::string(kStamp) + "ERROR: space again\n");
+}
+
+TEST_F(Log, WithoutAClockALineHasNoStamp) {
+    clock_.fail(true);
+    clock_.set(5);
+    cm_log(ctx_.get(), CM_WARN, "when?", CM_LEN_TEXT);
+    line("then", 0, 3);
+    EXPECT_EQ(written(), "WARN:  when?\nthen\n");
+}
+
+TEST_F(Log, BeforeTheLogTheStandardErrorStreamHasIt) {
+    const std::string text(3000, 'e');
+    ctx_->log_file = nullptr;
+    const struct {
+        std::function<void()> run;
+        std::string told;
+    } rows[] = {
+        {[] { cm_log(nullptr, CM_TRACE, "no context", CM_LEN_TEXT); }, "Tilvar Server Error: no context\n"},
+        {[] { cm_log(nullptr, CM_ERROR, "no context", 2); }, "Tilvar Server Error: no\n"},
+        {[] { cm_log(nullptr, CM_ERROR, "nul\0rest", 8); }, "Tilvar Server Error: nul\n"},
+        {[&] { cm_log(nullptr, CM_ERROR, text.c_str(), CM_LEN_TEXT); }, "Tilvar Server Error: " + text + "\n"},
+        {[&] { cm_log(ctx_.get(), CM_INFO, "no file", CM_LEN_TEXT); }, "Tilvar Server Error: no file\n"},
+        {[&] { cm_log(ctx_.get(), CM_TRACE, "above the level", CM_LEN_TEXT); }, ""},
+        {[] { report(nullptr, CM_ERROR, "%d%%", 7); }, "Tilvar Server Error: 7%\n"},
+        {[] { cm_lwrite(nullptr, "as it stands", CM_LEN_TEXT, 0, nullptr, 0); }, "as it stands"},
+        {[] { cm_lwrite(nullptr, "with a length", 4, 0, nullptr, 0); }, "with\n"},
+        {[&] { cm_lwrite(nullptr, text.c_str(), 3000, 0, nullptr, 0); }, std::string(1024, 'e') + "\n"},
+        {[&] { cm_lwrite(nullptr, text.c_str(), CM_LEN_TEXT, 0, nullptr, 0); }, text},
+    };
+    for (const auto &row : rows) EXPECT_EQ(on_standard_error(row.run), row.told);
+    EXPECT_EQ(cm_lwrite(nullptr, "", CM_LEN_TEXT, 0, nullptr, 0), 0);
+}
+
+TEST_F(Log, ANullContextMeansTheStartedOne) {
+    start();
+    cm_log(nullptr, CM_INFO, "found", CM_LEN_TEXT);
+    cm_log(nullptr, CM_TRACE, "above its level", CM_LEN_TEXT);
+    EXPECT_EQ(written(), std::string(kStamp) + "INFO:  found\n");
+}
+
+TEST_F(Log, RaisedErrorsNameTheirPlace) {
+    EXPECT_EQ(cm_raise_error(ctx_.get(), "server.c", 120, "no room"), 1);
+    EXPECT_EQ(ctx_->error_depth, 0);
+    ctx_->error_depth = 5;  // as it is within the sixth call that comes out of logging an error
+    EXPECT_EQ(cm_raise_error(ctx_.get(), "server.c", 121, "again"), 0);
+    EXPECT_EQ(ctx_->error_depth, 0);
+    EXPECT_EQ(log_lines(folder_.path("server.log")),
+              (std::vector<std::string>{"ERROR: no room [server.c(120)]",
+                                        "ERROR: Recursive error message: again [server.c(121)]"}));
+    EXPECT_EQ(on_standard_error([] { EXPECT_EQ(cm_raise_error(nullptr, "a.c", 1, "early"), 1); }),
+              "Tilvar Server Error: early [a.c(1)]\n");
+}
+
+TEST_F(Log, AFailingResultLeavesATrail) {
+    EXPECT_EQ(on_standard_error([] { EXPECT_EQ(cm_return_trace(0, "stopped", 1), 0); }), "");
+    start();
+    EXPECT_EQ(cm_return_trace(1, "fine", 2), 1);
+    EXPECT_EQ(cm_return_trace(-5, "fine", 3), -5);
+    EXPECT_EQ(cm_return_trace(0, "listen", 4), 0);
+    EXPECT_EQ(written(), std::string(kStamp) + "ERROR: listen (4) FAIL\n");
+}
+
+// ---- alerts ---------------------------------------------------------------------------------------------------------
+
+struct Seen {
+    std::vector<std::string> alerts;
+    int32_t connections = -1, threads = -1;
+} seen;
+
+void CM_CALL note(cm_context *, const cm_alert *alert) {
+    seen.alerts.push_back(std::string(alert->category) + "|" + alert->subject + "|" + alert->message + "|" +
+                          alert->timestamp);
+    seen.connections = alert->connections;
+    seen.threads = alert->threads;
+}
+
+void CM_CALL alert_again(cm_context *ctx, const cm_alert *) {
+    seen.alerts.push_back("again");
+    cm_alert_notify(ctx, 1, "nested", "from the handler");
+}
+
+class Alerts : public Log {
+protected:
+    Alerts() {
+        seen = {};
+        EXPECT_EQ(cm_create_mutex(ctx_.get(), &ctx_->file_mutex), 1);
+        EXPECT_EQ(cm_mem_init(ctx_.get(), &ctx_->common_pool, 1024), 1);
+        EXPECT_EQ(cm_alerts_init(ctx_.get()), 1);
+        ring_ = ctx_->alert_table;
+    }
+    ~Alerts() override {
+        EXPECT_EQ(cm_alerts_exit(ctx_.get()), 1);
+        EXPECT_EQ(ctx_->alert_table, nullptr);
+        EXPECT_EQ(cm_alerts_exit(ctx_.get()), 1);
+        cm_alert_notify(ctx_.get(), 1, "nobody", "listens");
+        cm_mem_exit(ctx_->common_pool);
+        cm_delete_mutex(ctx_->file_mutex);
+    }
+    cm_alert_slot &newest() { return ring_->slot[ring_->last - 1]; }
+
+    cm_alert_ring *ring_;
+};
+
+TEST_F(Alerts, TheRingKeepsTwoHundred) {
+    EXPECT_EQ(cm_alerts_init(ctx_.get()), 1);
+    EXPECT_EQ(ctx_->alert_table, ring_);
+    EXPECT_EQ(ring_->last, 0);
+    for (int i = 1; i <= 201; i++) cm_alert_notify(ctx_.get(), 10, "count", std::to_string(i).c_str());
+    EXPECT_EQ(ring_->last, 1);
+    EXPECT_EQ(ring_->count, 200);
+    EXPECT_STREQ(ring_->slot[0].message, "201");
+    EXPECT_STREQ(ring_->slot[1].message, "2");
+    EXPECT_EQ(ring_->slot[0].time, 1000000000u);
+    EXPECT_EQ(ring_->slot[0].category, 10);
+}
+
+TEST_F(Alerts, LongTextsAreCutInsideTheirSlot) {
+    const std::string longer(300, 'm');
+    for (int i = 0; i < 200; i++) cm_alert_notify(ctx_.get(), 1, longer.c_str(), longer.c_str());
+    EXPECT_EQ(newest().subject, std::string(63, 'm'));
+    EXPECT_EQ(newest().message, std::string(255, 'm'));
+    for (int i = 0; i < 200; i++) cm_alert_notify(ctx_.get(), 1, "new", "short");
+    EXPECT_EQ(newest().subject, "new" + std::string(60, 'm'));  // kept: no terminator over an older subject
+    EXPECT_STREQ(newest().message, "short");
+}
+
+TEST_F(Alerts, TheHandlerGetsItAllInFull) {
+    cm_net_state net = {};
+    net.open_count = 7;
+    ctx_->net_table = &net;
+    ctx_->alert_handler = note;
+    const std::string longer(400, 'm');
+    const char *names[] = {"Undefined", "Networking", "SMTP", "POP3", "IMAP4",        "Mail Router", "HTTP",
+                           "FTP",       "DBMS",       "DHCP", "DNS",  "Alert Daemon", "Undefined"};
+    for (int32_t category = 0; category <= 12; category++) {
+        cm_alert_notify(ctx_.get(), category, "subject", longer.c_str());
+        EXPECT_EQ(seen.alerts.back(),
+                  std::string(names[category]) + "|subject|" + longer + "|[09/Sep/2001:01:46:40 +0000]");
+    }
+    EXPECT_EQ(seen.connections, 7);
+    EXPECT_EQ(seen.threads, 0);
+    cm_alert_notify(ctx_.get(), -1, nullptr, nullptr);
+    EXPECT_EQ(seen.alerts.back(), "Undefined|||[09/Sep/2001:01:46:40 +0000]");
+    alert(ctx_.get(), "listener", "port %d", 80);
+    EXPECT_EQ(seen.alerts.back(), "Networking|listener|port 80|[09/Sep/2001:01:46:40 +0000]");
+    ctx_->net_table = nullptr;
+    EXPECT_EQ(cm_alert_register(ctx_.get(), 1, 2), 1);
+    EXPECT_EQ(cm_alert_deregister(ctx_.get()), 1);
+}
+
+TEST_F(Alerts, AHandlerThatAlertsComesToAnEnd) {
+    ctx_->alert_handler = alert_again;
+    cm_alert_notify(ctx_.get(), 1, "first", "alert");
+    EXPECT_EQ(seen.alerts.size(), 5u);
+    EXPECT_EQ(ring_->count, 6);
+    cm_alert_notify(ctx_.get(), 1, "second", "alert");
+    EXPECT_EQ(seen.alerts.size(), 10u);
+}
+
+TEST_F(Log, AlertsNeedMemoryAndAMutex) {
+    EXPECT_EQ(cm_create_mutex(ctx_.get(), &ctx_->file_mutex), 1);
+    int failures = 0;
+    for (int64_t k = 1;; k++) {
+        LeakCheck leaks;
+        EXPECT_EQ(cm_mem_init(ctx_.get(), &ctx_->common_pool, 64), 1);
+        bool failed;
+        {
+            Faults faults(Faults::kAllocations | Faults::kLocks, k);
+            failed = cm_alerts_init(ctx_.get()) == 0;
+            EXPECT_EQ(failed, faults.injected() > 0);
+        }
+        EXPECT_EQ(ctx_->alert_table == nullptr, failed);
+        cm_alerts_exit(ctx_.get());
+        cm_mem_exit(ctx_->common_pool);
+        blocks::trim();
+        EXPECT_EQ(leaks.outstanding(), 0u);
+        if (!failed) break;
+        failures++;
+    }
+    EXPECT_GE(failures, 3);  // the ring, the handle, the lock
+    cm_delete_mutex(ctx_->file_mutex);
+}
+
+}  // namespace

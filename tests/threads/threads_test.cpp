@@ -1,0 +1,433 @@
+// Threads, the thread table, mutexes.
+#include "core/cmblocks.h"
+#include "threads/host.h"
+
+using namespace cm;
+using namespace cm::test;
+using platform::os;
+
+namespace {
+
+int16_t CM_CALL wait_at(cm_thread *, cm_value gate) {
+    reinterpret_cast<Gate *>(gate)->pass();
+    return 1;
+}
+
+int16_t CM_CALL end_at_once(cm_thread *, cm_value) {
+    return 0;
+}
+
+int16_t CM_CALL sleep_long(cm_thread *, cm_value asleep) {
+    ++*reinterpret_cast<std::atomic<int> *>(asleep);
+    os.sleep(3600 * 1000);
+    return 1;
+}
+
+cm_value value_of(void *pointer) {
+    return reinterpret_cast<cm_value>(pointer);
+}
+
+cm_thread *start(Host &host, Gate &gate, const char *label = "test") {
+    cm_thread *thread = nullptr;
+    const int before = gate.waiting();
+    EXPECT_EQ(cm_create_thread(host.ctx(), wait_at, value_of(&gate), label, &thread), 1);
+    await([&] { return gate.waiting() > before; });
+    return thread;
+}
+
+void run_to_end(Host &host) {
+    ASSERT_EQ(cm_create_thread(host.ctx(), end_at_once, 0, "short", nullptr), 1);
+    host.settle();
+}
+
+// ---- mutexes --------------------------------------------------------------------------------------------------------
+
+TEST(Mutexes, MayBeTakenAgainByTheirHolder) {
+    EXPECT_EQ(cm_take_mutex(nullptr), 0);
+    EXPECT_EQ(cm_release_mutex(nullptr), 0);
+    EXPECT_EQ(cm_delete_mutex(nullptr), 0);
+    EXPECT_EQ(cm_create_mutex(nullptr, nullptr), 0);
+    cm_mutex *mutex = nullptr;
+    ASSERT_EQ(cm_create_mutex(nullptr, &mutex), 1);
+    EXPECT_EQ(mutex->kind, 1);
+    EXPECT_EQ(cm_take_mutex(mutex), 1);
+    EXPECT_EQ(cm_take_mutex(mutex), 1);
+    EXPECT_EQ(cm_release_mutex(mutex), 1);
+    EXPECT_EQ(cm_release_mutex(mutex), 1);
+    EXPECT_EQ(cm_delete_mutex(mutex), 1);
+}
+
+TEST(Mutexes, TellWhichPartFoundNoMemory) {
+    const char *told[] = {"Tilvar Server Error: cm_create_mutex(): MALLOC() of 12 bytes failed.\n",
+                          "Tilvar Server Error: cm_create_mutex(): MALLOC() of 4 bytes failed.\n"};
+    for (int64_t k = 1; k <= 2; k++) {
+        LeakCheck leaks;
+        cm_mutex *mutex = nullptr;
+        EXPECT_EQ(captured_standard_error([&] {
+                      Faults faults(Faults::kAllocations, k);
+                      EXPECT_EQ(cm_create_mutex(nullptr, &mutex), 0);
+                  }),
+                  told[k - 1]);
+        EXPECT_EQ(mutex, nullptr);
+        EXPECT_EQ(leaks.outstanding(), 0u);
+    }
+}
+
+// ---- records --------------------------------------------------------------------------------------------------------
+
+TEST(Threads, ARecordIsInTheTableUnderTheAddressOfItsCell) {
+    Host host;
+    Gate gate;
+    cm_thread *thread = start(host, gate, "label");
+    EXPECT_STREQ(thread->label, "label");
+    EXPECT_EQ(thread->ctx, host.ctx());
+    EXPECT_EQ(thread->table_key, value_of(thread->handle));
+    cm_value found = 0;
+    {
+        const MutexGuard guard(host->thread_mutex);
+        EXPECT_EQ(cm_hash_entry(host->thread_table, CM_OP_FIND, &thread->table_key, sizeof(cm_value), value_of(&found)),
+                  1);
+    }
+    EXPECT_EQ(found, value_of(thread));
+    gate.open();
+    host.settle();
+}
+
+TEST(Threads, TheLimitHoldsUntilARecordIsSpare) {
+    Host host;
+    host->max_threads = 2;
+    Gate first_gate, gate;
+    cm_thread *first = start(host, first_gate), *none = first;
+    start(host, gate);
+    EXPECT_EQ(cm_create_thread(host.ctx(), wait_at, 0, "third", &none), 0);
+    EXPECT_EQ(none, nullptr);
+    EXPECT_EQ(host.logged("ERROR: Maximum number of threads exceeded (2)."), 1);
+    first_gate.open();
+    await([&] { return host.threads() == 1; });
+    host->max_threads = 0;  // a spare record is taken without asking for the limit
+    EXPECT_EQ(start(host, gate), first);
+    gate.open();
+    host.settle();
+}
+
+TEST(Threads, SerialNumbersStartAgain) {
+    Host host;
+    Gate gate;
+    EXPECT_EQ(start(host, gate)->serial, 0);
+    EXPECT_EQ(start(host, gate)->serial, 1);
+    host->thread_serial = 999998;
+    EXPECT_EQ(start(host, gate)->serial, 999998);
+    EXPECT_EQ(start(host, gate)->serial, 0);
+    gate.open();
+    host.settle();
+}
+
+TEST(Threads, WhatIsRefused) {
+    Host host;
+    cm_thread *thread = nullptr;
+    EXPECT_EQ(cm_create_thread(host.ctx(), nullptr, 0, "x", &thread), 0);
+    const auto empty = std::make_unique<cm_context>();
+    EXPECT_EQ(cm_create_thread(empty.get(), end_at_once, 0, "x", &thread), 0);
+    EXPECT_EQ(cm_free_threads(empty.get()), 1);
+    EXPECT_EQ(cm_terminate_thread(nullptr), 0);
+    EXPECT_EQ(cm_free_threads(nullptr), 0);
+    EXPECT_EQ(cm_waitfor_threads(nullptr), 0);
+}
+
+TEST(Threads, EveryFailureOfAStartIsUndone) {
+    int failures = 0;
+    for (bool failed = true; failed;) {
+        blocks::trim();
+        LeakCheck leaks;
+        {
+            Host host;
+            cm_thread *thread = nullptr;
+            {
+                Faults faults(Faults::kAllocations | Faults::kThreads, failures + 1);
+                const int16_t result = cm_create_thread(host.ctx(), end_at_once, 0, "x", &thread);
+                host.settle();
+                failed = faults.injected() > 0;
+                EXPECT_EQ(result, failed ? 0 : 1);
+            }
+            EXPECT_EQ(thread == nullptr, failed);
+            EXPECT_EQ(host->thread_spare == nullptr, failed);
+            EXPECT_EQ(host.logged("ERROR: cm_create_thread(): MALLOC() of 36 bytes failed."), failures == 0);
+            EXPECT_EQ(host.logged("ERROR: cm_create_thread(): MALLOC() of 4 bytes failed."), failures == 1);
+            if (failed) run_to_end(host);
+            failures += failed;
+        }
+        blocks::trim();
+        EXPECT_EQ(leaks.outstanding(), 0u) << failures;
+    }
+    EXPECT_GE(failures, 4);  // record, cell, what the table needs, thread
+}
+
+TEST(Threads, WithoutAContextNothingIsKept) {
+    LeakCheck leaks;
+    std::atomic<int> ran{0};
+    for (int i = 0; i < 50; i++) {
+        const auto count = [](cm_thread *self, cm_value ran_at) -> int16_t {
+            EXPECT_EQ(self->ctx, nullptr);
+            ++*reinterpret_cast<std::atomic<int> *>(ran_at);
+            return 1;
+        };
+        EXPECT_EQ(cm_create_thread(nullptr, count, value_of(&ran), "loose", nullptr), 1);
+    }
+    await([&] {
+        Leavers::join();
+        return ran == 50 && leaks.outstanding() == 0;
+    });
+    for (int64_t k = 1; k <= 3; k++) {
+        cm_thread *thread = nullptr;
+        captured_standard_error([&] {
+            Faults faults(Faults::kAllocations | Faults::kThreads, k);
+            EXPECT_EQ(cm_create_thread(nullptr, end_at_once, 0, "x", &thread), 0) << k;
+        });
+        EXPECT_EQ(thread, nullptr);
+        EXPECT_EQ(leaks.outstanding(), 0u);
+    }
+}
+
+// ---- ends from outside ----------------------------------------------------------------------------------------------
+
+TEST(Threads, ATerminatedSleeperLeavesAtOnceAndItsRecordIsSpare) {
+    Host host;
+    std::atomic<int> asleep{0};
+    cm_thread *thread = nullptr;
+    ASSERT_EQ(cm_create_thread(host.ctx(), sleep_long, value_of(&asleep), "sleeper", &thread), 1);
+    EXPECT_EQ(cm_terminate_thread(thread), 1);
+    EXPECT_EQ(host.threads(), 0);
+    EXPECT_EQ(host->thread_spare, thread);
+    EXPECT_EQ(cm_terminate_thread(thread), 1);  // it has ended: nothing happens twice
+    EXPECT_EQ(thread->next, nullptr);
+    Leavers::join();
+    LeakCheck leaks;
+    ASSERT_EQ(cm_create_thread(nullptr, sleep_long, value_of(&asleep), "loose", &thread), 1);
+    EXPECT_EQ(cm_terminate_thread(thread), 1);
+    Leavers::join();
+    EXPECT_EQ(leaks.outstanding(), 0u);
+}
+
+TEST(Threads, AThreadThatTerminatesItselfGoesWhenItsFunctionReturns) {
+    Host host;
+    const auto itself = [](cm_thread *self, cm_value) -> int16_t {
+        EXPECT_EQ(cm_terminate_thread(self), 1);
+        EXPECT_TRUE(os.thread_asked());
+        return 1;
+    };
+    EXPECT_EQ(cm_create_thread(host.ctx(), itself, 0, "x", nullptr), 1);
+    host.settle();
+    EXPECT_NE(host->thread_spare, nullptr);
+    LeakCheck leaks;
+    EXPECT_EQ(cm_create_thread(nullptr, itself, 0, "x", nullptr), 1);
+    await([&] {
+        Leavers::join();
+        return leaks.outstanding() == 0;
+    });
+}
+
+TEST(Threads, EndsFromBothSidesGiveARecordBackOnce) {
+    Host host;
+    for (int round = 0; round < 200; round++) {
+        cm_thread *thread = nullptr;
+        ASSERT_EQ(cm_create_thread(host.ctx(), end_at_once, 0, "x", &thread), 1);
+        EXPECT_EQ(cm_terminate_thread(thread), 1);
+        EXPECT_EQ(host.threads(), 0);
+        const MutexGuard guard(host->thread_mutex);
+        EXPECT_EQ(host->thread_spare, thread);
+        EXPECT_EQ(thread->next, nullptr);
+    }
+}
+
+// Threads that do not leave when they are asked: the entries that wait for them and stop them are replaced.
+struct Stubborn {
+    Stubborn() : saved(os) {
+        os.thread_ask = [](platform::Thread *) { asked++; };
+        os.thread_join = [](platform::Thread *, int32_t timeout_ms) {
+            EXPECT_GE(timeout_ms, 0);
+            EXPECT_LE(timeout_ms, 2000);
+            now_ms += timeout_ms;
+            return false;
+        };
+        os.monotonic_ms = [] { return now_ms; };
+        os.thread_park = [](platform::Thread *thread) {
+            parked++;
+            return on_park != nullptr ? on_park(thread) : true;
+        };
+        asked = parked = 0;
+        now_ms = 0;
+        on_park = nullptr;
+    }
+    ~Stubborn() { os = saved; }
+
+    platform::Table saved;
+    static inline int asked, parked;
+    static inline int64_t now_ms;
+    static inline bool (*on_park)(platform::Thread *);
+};
+
+TEST(Threads, AParkedThreadsRecordIsSpareAndAllWaitTogetherTwoSeconds) {
+    static Gate &gate = *new Gate;  // what passes for parked waits here to the end
+    Host host;
+    cm_thread *first = start(host, gate);
+    start(host, gate);
+    start(host, gate);
+    const Stubborn stubborn;
+    EXPECT_EQ(cm_terminate_thread(first), 1);
+    EXPECT_EQ(Stubborn::now_ms, 2000);
+    EXPECT_EQ(host->thread_spare, first);
+    EXPECT_EQ(cm_free_threads(host.ctx()), 1);
+    EXPECT_EQ(Stubborn::now_ms, 4000);
+    EXPECT_EQ(Stubborn::asked, 3);
+    EXPECT_EQ(Stubborn::parked, 3);
+    EXPECT_EQ(host->thread_spare, nullptr);
+    EXPECT_EQ(host.threads(), 2);
+    Leavers::forget();
+}
+
+TEST(Threads, AThreadThatCannotBeStoppedKeepsItsRecord) {
+    Host host;
+    Gate gate;
+    cm_thread *thread = start(host, gate);
+    {
+        const Stubborn stubborn;
+        Stubborn::on_park = [](platform::Thread *) { return false; };
+        EXPECT_EQ(cm_terminate_thread(thread), 0);
+        EXPECT_EQ(host.threads(), 1);
+        EXPECT_EQ(host->thread_spare, nullptr);
+    }
+    gate.open();
+    host.settle();
+    EXPECT_EQ(host->thread_spare, thread);
+}
+
+TEST(Threads, OneThatLeavesJustThenIsTakenAsEnded) {
+    Host host;
+    static Gate *door;
+    static decltype(os.thread_join) join;
+    Gate gate;
+    door = &gate;
+    join = os.thread_join;
+    cm_thread *thread = start(host, gate);
+    const Stubborn stubborn;
+    Stubborn::on_park = [](platform::Thread *left) {
+        door->open();
+        EXPECT_TRUE(join(left, platform::kForever));
+        return false;
+    };
+    EXPECT_EQ(cm_terminate_thread(thread), 1);
+    EXPECT_EQ(host.threads(), 0);
+    EXPECT_EQ(host->thread_spare, thread);
+}
+
+TEST(Threads, FreeingEndsAllButTheCallersOwn) {
+    Host host;
+    std::atomic<int> asleep{0};
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(cm_create_thread(host.ctx(), sleep_long, value_of(&asleep), "sleeper", nullptr), 1);
+    const auto free_all = [](cm_thread *self, cm_value) -> int16_t {
+        EXPECT_EQ(cm_free_threads(self->ctx), 1);
+        EXPECT_FALSE(os.thread_asked());
+        return 1;
+    };
+    EXPECT_EQ(cm_create_thread(host.ctx(), free_all, 0, "caller", nullptr), 1);
+    await([&] { return host.threads() == 5; });  // their entries stay, that of the caller goes as always
+    cm_hash_entry_rec *entry = nullptr;
+    const MutexGuard guard(host->thread_mutex);
+    EXPECT_EQ(cm_hash_entry(host->thread_table, CM_OP_FIRST, nullptr, 0, value_of(&entry)), 1);
+    for (; entry != nullptr; cm_hash_entry(host->thread_table, CM_OP_NEXT, nullptr, 0, value_of(&entry)))
+        EXPECT_EQ(entry->value, 0u);
+}
+
+TEST(Threads, FreeingAlsoFindsThreadsThatEndingOnesStart) {
+    Host host;
+    static std::atomic<int> asleep;
+    asleep = 0;
+    const auto start_another = [](cm_thread *self, cm_value) -> int16_t {
+        ++asleep;
+        os.sleep(3600 * 1000);
+        EXPECT_EQ(cm_create_thread(self->ctx, sleep_long, value_of(&asleep), "late", nullptr), 1);
+        return 1;
+    };
+    EXPECT_EQ(cm_create_thread(host.ctx(), start_another, 0, "early", nullptr), 1);
+    await([] { return asleep == 1; });
+    EXPECT_EQ(cm_free_threads(host.ctx()), 1);
+    EXPECT_EQ(host->thread_spare, nullptr);
+}
+
+// ---- waiting --------------------------------------------------------------------------------------------------------
+
+TEST(Threads, WaitingForNobodyTakesNoTime) {
+    Host host;
+    FrozenClock clock;
+    EXPECT_EQ(cm_waitfor_threads(host.ctx()), 1);
+    EXPECT_EQ(clock.slept_ms(), 0);
+    EXPECT_EQ(host.log(), (std::vector<std::string>{"INFO:  Waiting for active threads to terminate...",
+                                                    "INFO:  Closing with NO OPEN THREADS..."}));
+}
+
+TEST(Threads, WaitingEndsAfter45Seconds) {
+    Host host;
+    Gate gate;
+    start(host, gate);
+    start(host, gate);
+    {
+        FrozenClock clock;
+        EXPECT_EQ(cm_waitfor_threads(host.ctx()), 0);
+        EXPECT_EQ(clock.slept_ms(), 45000);
+    }
+    EXPECT_EQ(host.log().back(), "INFO:  Closing with 2 active threads...");
+    gate.open();
+    host.settle();
+}
+
+TEST(Threads, WaitingEndsWithTheLastThread) {
+    Host host;
+    static Gate *door;
+    static Host *in;
+    Gate gate;
+    door = &gate;
+    in = &host;
+    start(host, gate);
+    const platform::Table saved = os;
+    os.sleep = [](int32_t milliseconds) {
+        EXPECT_EQ(milliseconds, 1000);
+        door->open();
+        in->settle();
+        return true;
+    };
+    EXPECT_EQ(cm_waitfor_threads(host.ctx()), 1);
+    os = saved;
+    EXPECT_EQ(host.log().back(), "INFO:  Closing with NO OPEN THREADS...");
+}
+
+// ---- many at once ---------------------------------------------------------------------------------------------------
+
+TEST(Threads, ManyLogAtOnceAndNoLineIsTorn) {
+    Host host;
+    constexpr int kThreads = 16, kLines = 200;
+    const auto write_lines = [](cm_thread *self, cm_value number) -> int16_t {
+        char text[128];
+        for (int i = 0; i < kLines; i++) {
+            cm_snprintf(text, sizeof text, "%s %d line %d %s", self->label, static_cast<int>(number), i,
+                        std::string(static_cast<size_t>(i % 60), 'x').c_str());
+            cm_log(self->ctx, CM_INFO, text, CM_LEN_TEXT);
+        }
+        return 1;
+    };
+    for (cm_value i = 0; i < kThreads; i++)
+        EXPECT_EQ(cm_create_thread(host.ctx(), write_lines, i, "writer", nullptr), 1);
+    host.settle();
+    std::vector<int> next(kThreads, 0);
+    int good = 0;
+    for (const std::string &line : host.log()) {
+        int number = -1, i = -1;
+        if (sscanf(line.c_str(), "INFO:  writer %d line %d ", &number, &i) != 2) continue;
+        ASSERT_LT(static_cast<size_t>(number), next.size());
+        EXPECT_EQ(i, next[static_cast<size_t>(number)]++);
+        good += line.size() == line.find_last_of(' ') + 1 + static_cast<size_t>(i % 60);
+    }
+    EXPECT_EQ(good, kThreads * kLines);
+}
+
+}  // namespace

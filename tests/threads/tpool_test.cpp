@@ -1,0 +1,354 @@
+// The thread pool: growth, refusals, dropped jobs, the ends of workers and pools.
+#include "core/cmblocks.h"
+#include "core/cmtpool.h"
+#include "threads/host.h"
+
+using namespace cm;
+using namespace cm::test;
+using platform::os;
+
+namespace {
+
+// What the network does with closed connections, counted.
+std::atomic<int> closed, closed_gracefully;
+
+int16_t CM_CALL count_close(cm_net_state *, cm_conn *connection, int16_t graceful) {
+    add_relaxed(connection->bytes_sent, 1u);  // stands in for "times closed"
+    closed++;
+    if (graceful != 0) closed_gracefully++;
+    return 1;
+}
+
+class Pool {
+public:
+    explicit Pool(Host &host, int32_t max_workers) : host_(host) {
+        closed = closed_gracefully = 0;
+        thread_pool::close_connection = count_close;
+        EXPECT_EQ(cm_mem_init(host.ctx(), &memory_, 1024), 1);
+        result_ = cm_tpool_init(host.ctx(), nullptr, memory_, max_workers, &pool_);
+    }
+    ~Pool() {
+        EXPECT_EQ(cm_tpool_exit(pool_), pool_ != nullptr);
+        host_.settle();
+        cm_mem_exit(memory_);
+    }
+    cm_tpool *get() const { return pool_; }
+    cm_tpool *operator->() const { return pool_; }
+    int16_t result() const { return result_; }
+
+    int16_t exec(cm_conn *connection, cm_value argument, cm_job_fn function, const char *label = "job") {
+        return cm_tpool_exec(pool_, connection, argument, label, function);
+    }
+    int32_t busy() const { return load_relaxed(pool_->busy); }
+    int32_t workers() const { return load_relaxed(pool_->workers); }
+
+private:
+    Host &host_;
+    cm_mem_pool *memory_ = nullptr;
+    cm_tpool *pool_ = nullptr;
+    int16_t result_;
+};
+
+int16_t CM_CALL wait_at(cm_context *, cm_conn *, cm_thread *, cm_value gate) {
+    reinterpret_cast<Gate *>(gate)->pass();
+    return 1;
+}
+
+int16_t CM_CALL count_up(cm_context *, cm_conn *, cm_thread *, cm_value count) {
+    ++*reinterpret_cast<std::atomic<int> *>(count);
+    return 1;
+}
+
+template <class T>
+cm_value value_of(T &object) {
+    return reinterpret_cast<cm_value>(&object);
+}
+
+std::vector<cm_conn> connections(size_t count) {
+    return std::vector<cm_conn>(count);
+}
+
+TEST(ThreadPool, GrowsWithTheLoadAndShrinksBack) {
+    Host host;
+    host->idle_threads = 10;
+    auto conns = connections(12);
+    Pool pool(host, 50);
+    Gate gate;
+    EXPECT_EQ(pool.workers(), 10);
+    for (int i = 0; i < 7; i++) {
+        EXPECT_EQ(pool.exec(&conns[static_cast<size_t>(i)], value_of(gate), wait_at), 1);
+        await([&] { return pool.busy() == i + 1; });
+        EXPECT_EQ(pool.workers(), 10);
+    }
+    EXPECT_EQ(host.logged("TRACE: Thread-Pool Worker spawned..."), 0);
+    for (int i = 7; i < 12; i++) {
+        EXPECT_EQ(pool.exec(&conns[static_cast<size_t>(i)], value_of(gate), wait_at), 1);
+        EXPECT_EQ(pool.workers(), i + 4);
+        await([&] { return pool.busy() == i + 1; });
+    }
+    EXPECT_EQ(host.logged("TRACE: Thread-Pool Worker spawned..."), 5);
+    gate.open();
+    await([&] { return pool.busy() == 0 && pool.workers() == 10 && host.threads() == 10; });
+    EXPECT_EQ(pool->busy_peak, 12);
+    EXPECT_EQ(closed_gracefully, 12);
+    EXPECT_EQ(host.logged("TRACE: Thread-Pool Worker terminating..."), 5);
+}
+
+TEST(ThreadPool, GrowsUpToItsMaximumAndStaysWithItsIdleWorkers) {
+    Host host;
+    auto conns = connections(8);
+    Pool pool(host, 4);
+    Gate gate;
+    for (auto &conn : conns) EXPECT_EQ(pool.exec(&conn, value_of(gate), wait_at), 1);
+    EXPECT_EQ(pool.workers(), 4);
+    await([&] { return pool.busy() == 4; });
+    gate.open();
+    await([&] { return closed == 8 && pool.busy() == 0; });
+    {
+        Pool small(host, 1);  // the workers of the start are there whatever the maximum says
+        EXPECT_EQ(small.workers(), 3);
+        cm_tpool_exit(small.get());
+        EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
+    }
+}
+
+TEST(ThreadPool, RefusesTheJobThatFindsNoRecord) {
+    Host host;
+    auto conns = connections(501);
+    Pool pool(host, 3);
+    Gate gate;
+    for (size_t i = 0; i < 500; i++) {
+        ASSERT_EQ(pool.exec(&conns[i], value_of(gate), wait_at), 1);
+        if (i < 3) await([&] { return pool.busy() == static_cast<int32_t>(i) + 1; });
+    }
+    EXPECT_EQ(closed, 0);
+    EXPECT_EQ(pool.exec(&conns[500], value_of(gate), wait_at), 0);
+    EXPECT_EQ(conns[500].bytes_sent, 1u);
+    EXPECT_EQ(closed_gracefully, 0);
+    gate.open();
+    await([&] { return pool.busy() == 0; });
+    EXPECT_EQ(closed_gracefully, 500);
+    for (const auto &conn : conns) EXPECT_EQ(conn.bytes_sent, 1u);
+    EXPECT_EQ(pool.exec(&conns[0], value_of(gate), wait_at), 1);
+    await([&] { return closed_gracefully == 501; });
+}
+
+TEST(ThreadPool, DropsJobsThatCannotRunAndForgetsTheirRecords) {
+    Host host;
+    auto conns = connections(3);
+    Pool pool(host, 3);
+    std::atomic<int> ran{0};
+    EXPECT_EQ(pool.exec(nullptr, value_of(ran), count_up), 1);
+    EXPECT_EQ(pool.exec(&conns[0], 0, count_up), 1);
+    EXPECT_EQ(pool.exec(&conns[1], value_of(ran), nullptr), 1);
+    await([] { return closed == 2; });
+    EXPECT_EQ(closed_gracefully, 0);
+    for (int i = 0; i < 496; i++) EXPECT_EQ(pool.exec(nullptr, 1, count_up), 1);
+    EXPECT_EQ(pool.exec(&conns[2], value_of(ran), count_up), 1);  // the last record
+    await([&] { return ran == 1 && closed_gracefully == 1; });
+    await([&] { return pool.busy() == 0; });
+    EXPECT_EQ(pool.exec(&conns[2], 0, count_up), 1);
+    EXPECT_EQ(pool.exec(&conns[2], value_of(ran), count_up), 0);
+}
+
+TEST(ThreadPool, AWorkerIsNamedAfterItsJobAndCountsThem) {
+    Host host;
+    host->idle_threads = 1;
+    auto conns = connections(2);
+    Pool pool(host, 1);
+    static std::atomic<cm_thread *> worker;
+    const auto look = [](cm_context *ctx, cm_conn *connection, cm_thread *self, cm_value jobs) -> int16_t {
+        EXPECT_STREQ(self->label, "request");
+        EXPECT_EQ(self->argument, reinterpret_cast<cm_value>(connection));
+        EXPECT_EQ(self->ctx, ctx);
+        EXPECT_EQ(self->jobs, 1);
+        self->jobs = static_cast<int32_t>(jobs);
+        worker = self;
+        return 1;
+    };
+    for (auto &conn : conns) {
+        EXPECT_EQ(pool.exec(&conn, 999999, look, "request"), 1);
+        await([&] { return load_relaxed(conn.bytes_sent) == 1 && pool.busy() == 0; });
+    }
+    EXPECT_STREQ(load_relaxed(worker.load()->label), "IDLE-Worker");
+    EXPECT_EQ(load_relaxed(worker.load()->argument), 0u);
+}
+
+TEST(ThreadPool, AConnectionThatItsHandlerGaveBackIsLeftAlone) {
+    Host host;
+    auto conns = connections(2);
+    Pool pool(host, 3);
+    const auto close_itself = [](cm_context *, cm_conn *connection, cm_thread *, cm_value) -> int16_t {
+        add_relaxed(connection->serial, 1u);  // closed, and handed out to somebody else
+        return 1;
+    };
+    EXPECT_EQ(pool.exec(&conns[0], 1, close_itself), 1);
+    EXPECT_EQ(pool.exec(&conns[1], 1, [](cm_context *, cm_conn *, cm_thread *, cm_value) -> int16_t { return 0; }), 1);
+    await([&] { return closed == 1 && pool.busy() == 0; });
+    EXPECT_EQ(conns[0].bytes_sent, 0u);
+    EXPECT_EQ(conns[1].bytes_sent, 1u);
+}
+
+// ---- ends -----------------------------------------------------------------------------------------------------------
+
+TEST(ThreadPool, ClosingEndsIdleWorkersAndWaitingJobsAtOnceAndBusyOnesAfterTheirJob) {
+    Host host;
+    auto conns = connections(6);
+    Gate gate;
+    Pool pool(host, 4);
+    for (size_t i = 0; i < 2; i++) {
+        EXPECT_EQ(pool.exec(&conns[i], value_of(gate), wait_at), 1);
+        await([&] { return gate.waiting() == static_cast<int>(i) + 1; });
+    }
+    EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
+    EXPECT_TRUE((load_relaxed(host->flags) & CTX_SHUTDOWN) != 0);
+    EXPECT_EQ(pool->lock, nullptr);
+    EXPECT_EQ(pool->wake, nullptr);
+    await([&] { return host.threads() == 2; });
+    EXPECT_EQ(pool.exec(&conns[2], value_of(gate), wait_at), 0);
+    EXPECT_EQ(conns[2].bytes_sent, 1u);
+    EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
+    gate.open();
+    host.settle();
+    EXPECT_EQ(closed_gracefully, 2);
+    EXPECT_EQ(pool.workers(), 0);
+    EXPECT_EQ(pool.busy(), 0);
+}
+
+TEST(ThreadPool, ClosingClosesTheConnectionsOfJobsThatStillWait) {
+    Host host;
+    auto conns = connections(10);
+    Gate gate;
+    Pool pool(host, 3);
+    for (auto &conn : conns) EXPECT_EQ(pool.exec(&conn, value_of(gate), wait_at), 1);
+    await([&] { return pool.busy() == 3; });
+    EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
+    EXPECT_EQ(closed, 7);
+    gate.open();
+    host.settle();
+    for (const auto &conn : conns) EXPECT_EQ(conn.bytes_sent, 1u);
+}
+
+TEST(ThreadPool, WorkersThatAreAskedLeave) {
+    Host host;
+    auto conns = connections(1);
+    Pool pool(host, 3);
+    EXPECT_EQ(cm_free_threads(host.ctx()), 1);
+    EXPECT_EQ(pool.workers(), 0);
+    EXPECT_EQ(pool.exec(&conns[0], 1, wait_at), 0);
+    EXPECT_EQ(conns[0].bytes_sent, 1u);
+    const MutexGuard guard(host->thread_mutex);
+    cm_hash_clear(host->thread_table, nullptr);
+}
+
+TEST(ThreadPool, NullsAndOtherThingsThatAreRefused) {
+    Host host;
+    cm_tpool *pool = nullptr;
+    cm_mem_pool *memory = nullptr;
+    EXPECT_EQ(cm_mem_init(host.ctx(), &memory, 1024), 1);
+    EXPECT_EQ(cm_tpool_init(nullptr, nullptr, memory, 5, &pool), 0);
+    EXPECT_EQ(cm_tpool_init(host.ctx(), nullptr, nullptr, 5, &pool), 0);
+    EXPECT_EQ(cm_tpool_init(host.ctx(), nullptr, memory, 5, nullptr), 0);
+    EXPECT_EQ(cm_tpool_exec(nullptr, nullptr, 1, "x", wait_at), 0);
+    EXPECT_EQ(cm_tpool_exit(nullptr), 0);
+    cm_mem_exit(memory);
+}
+
+TEST(ThreadPool, AFailedStartUndoesItselfAndTheServerGoesOn) {
+    int64_t failures = 0, told = 0;
+    for (bool failed = true; failed;) {
+        LeakCheck leaks;
+        {
+            Host host;
+            cm_mem_pool *memory = nullptr;
+            cm_tpool *pool = nullptr;
+            ASSERT_EQ(cm_mem_init(host.ctx(), &memory, 1024), 1);
+            int16_t result;
+            {
+                Faults faults(Faults::kAllocations | Faults::kThreads | Faults::kLocks, failures + 1);
+                result = cm_tpool_init(host.ctx(), nullptr, memory, 50, &pool);
+                EXPECT_EQ(load_relaxed(host->flags), 0u);
+                if (pool != nullptr) cm_tpool_exit(pool);
+                host.settle();
+                failed = faults.injected() > 0;
+            }
+            EXPECT_EQ(result, failed ? 0 : 1) << failures;
+            EXPECT_EQ(pool == nullptr, failed);
+            cm_mem_exit(memory);
+            told += host.logged("ERROR: cm_tpool_init(): MALLOC() of 48 bytes failed.");
+            failures += failed;
+        }
+        blocks::trim();
+        EXPECT_EQ(leaks.outstanding(), 0u) << failures;
+    }
+    EXPECT_GT(failures, 20);  // blocks of the jobs; crew, event, lock; each worker's record, cell and thread
+    EXPECT_GE(told, 1);
+}
+
+TEST(ThreadPool, TooFewThreadsForTheIdleWorkersLeaveNoneBehind) {
+    Host host;
+    host->max_threads = 2;
+    Pool pool(host, 50);
+    EXPECT_EQ(pool.result(), 0);
+    EXPECT_EQ(pool.get(), nullptr);
+    host.settle();
+    EXPECT_EQ(host->flags, 0u);
+    EXPECT_EQ(host.logged("ERROR: Maximum number of threads exceeded (2)."), 1);
+}
+
+// ---- many at once ---------------------------------------------------------------------------------------------------
+
+// Submitters that now and then wait until all of theirs is done catch the pool with every worker just about to wait.
+TEST(ThreadPool, NoJobIsStranded) {
+    Host host;
+    host->trace_level = CM_INFO;
+    constexpr int kSubmitters = 8, kJobs = 12500;
+    auto conns = connections(kSubmitters);
+    Pool pool(host, 12);
+    std::vector<std::thread> submitters;
+    std::atomic<int> refused{0};
+    for (size_t s = 0; s < kSubmitters; s++)
+        submitters.emplace_back([&, s] {
+            std::atomic<int> done{0};
+            uint32_t random = static_cast<uint32_t>(s) + 1;
+            for (int i = 0; i < kJobs; i++) {
+                while (pool.exec(&conns[s], value_of(done), count_up) == 0) {
+                    refused++;
+                    os.thread_yield();
+                }
+                random = random * 1664525 + 1013904223;
+                if (random >> 30 == 0) await([&] { return done == i + 1; });
+            }
+            await([&] { return done == kJobs; });
+        });
+    for (auto &submitter : submitters) submitter.join();
+    await([&] { return pool.busy() == 0; });
+    EXPECT_EQ(closed_gracefully, kSubmitters * kJobs);
+    EXPECT_EQ(closed, kSubmitters * kJobs + refused);
+}
+
+TEST(ThreadPool, ClosingAmongSubmittersClosesEachConnectionOnce) {
+    for (int round = 0; round < 20; round++) {
+        Host host;
+        host->trace_level = CM_INFO;
+        constexpr size_t kSubmitters = 4, kEach = 100;
+        auto conns = connections(kSubmitters * kEach);
+        Pool pool(host, 6);
+        std::atomic<int> ran{0}, submitted{0};
+        std::vector<std::thread> submitters;
+        for (size_t s = 0; s < kSubmitters; s++)
+            submitters.emplace_back([&, s] {
+                for (size_t i = 0; i < kEach; i++) {
+                    pool.exec(&conns[s * kEach + i], value_of(ran), count_up);
+                    submitted++;
+                }
+            });
+        await([&] { return submitted >= round * 15; });
+        EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
+        for (auto &submitter : submitters) submitter.join();
+        host.settle();
+        for (const auto &conn : conns) EXPECT_EQ(conn.bytes_sent, 1u);
+    }
+}
+
+}  // namespace
