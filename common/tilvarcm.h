@@ -643,19 +643,51 @@ CM_API int16_t CM_CALL cm_key_entry(cm_keytab *keytab, int32_t operation, const 
 CM_API int16_t CM_CALL cm_list_entry(cm_list *list, int32_t operation, int32_t cursor, cm_value value);
 
 /* ---------- configuration files ---------- */
+/* Sectioned text, line by line (at most 1024 bytes each; empty lines and white space do not matter):
+ *     # a comment: whole lines only
+ *     [section]            anything behind the "]" is ignored; names of up to 255 bytes, compared without case
+ *     name = value         up to 255 and 1024 bytes, trimmed; the value is taken verbatim, quotes and "#" included
+ * The separator is the first "=" outside double quotes, which stay part of the name.  On a line that is indented by n
+ * bytes the last n bytes are not searched for it.  No escapes, no continuation; sections and names may occur twice.
+ * Callers serialise the changes to one file. */
 typedef struct cm_prop_entry {
     int32_t     name_length;
-    int32_t     value_length;   /* <= 0: no value */
-    const char *name;
+    int32_t     value_length;   /* <= 0: no value, an empty one is written */
+    const char *name;           /* both NUL-terminated as well: the lengths match, the texts are printed */
     const char *value;
 } cm_prop_entry;
+
+/* Hands every entry of every section of that name to `callback`, in the order of the file.  A relative `file` is below
+ * the configuration directory.  Result 1 also when there is no such section; 0: no such file, a malformed line, or a
+ * callback that returned anything but 1 (what was handed out before stays handed out). */
 CM_API int16_t CM_CALL cm_props_load(cm_context *ctx, const char *file, const char *section, int32_t section_len, cm_value user, cm_props_callback callback);
+
+/* The same step by step: the next section, then its entries or its lines until `found` is 0, then the next section.
+ *   name    256 bytes                 found   1: there was one; 0: the section or the file has ended;
+ *   value   1025 bytes                        -1: error, the result is 0 and the log says why
+ *   line    1025 bytes: trimmed, and of at least two bytes (a shorter one is an error)
+ * Lines outside sections, and in sections that are skipped, may hold anything. */
 CM_API int16_t CM_CALL cm_next_section(cm_file *file_handle, char *name, int32_t *found);
 CM_API int16_t CM_CALL cm_next_entry(cm_file *file_handle, char *name, char *value, int32_t *found);
 CM_API int16_t CM_CALL cm_next_line(cm_file *file_handle, char *line, int32_t *found);
+
+/* Changes of one section or one entry.  `file` and `backup` are paths as they are.  The new version is made beside the
+ * file and takes its place in one step, so that there is a complete file at every moment; the version before is then
+ * found as `backup`.  On failure both are as they were.  Empty lines get lost, everything else outside the change stays.
+ * Refused, with nothing touched: line feeds in names and values, entry names that begin with "[", `backup` equal to
+ * `file`, and (but for cm_update_section) lines that the reader could not read.
+ *
+ * cm_delete_section takes a section away, head, comments and all; cm_replace_section gives it these entries alone;
+ * cm_update_section changes those of its entries that are named, and adds none.  Where the file has no such section the
+ * last two append it.  A section of the same name that directly follows the treated one is left alone, any other is
+ * treated too.  Lines are written "name = value \n".  cm_replace_section puts an empty line before every head and after
+ * the new entries.  An entry of over 255 bytes of name stops cm_update_section half-way: result 0, the part done so far
+ * as `file` and the whole as `backup`. */
 CM_API int16_t CM_CALL cm_delete_section(cm_context *ctx, const char *file, const char *backup, const char *section, int32_t section_len, int32_t *deleted);
 CM_API int16_t CM_CALL cm_update_section(cm_context *ctx, const char *file, const char *backup, const char *section, int32_t section_len, const cm_prop_entry *entries, int32_t count);
 CM_API int16_t CM_CALL cm_replace_section(cm_context *ctx, const char *file, const char *backup, const char *section, int32_t section_len, const cm_prop_entry *entries, int32_t count);
+/* Entries, in every section of that name: only those written as the name, one blank and "=".  cm_update_entry takes them
+ * away and writes "name = value" as the first line of the first such section, which it appends where there is none. */
 CM_API int16_t CM_CALL cm_delete_entry(cm_context *ctx, const char *file, const char *backup, const char *section, const char *name, int32_t *deleted);
 CM_API int16_t CM_CALL cm_update_entry(cm_context *ctx, const char *file, const char *backup, const char *section, const char *name, const char *value);
 
