@@ -26,6 +26,7 @@ using platform::os;
 constexpr int kPoolSizeInMessage = 48;  // part of the text
 constexpr int32_t kJobs = 500;
 constexpr int32_t kSpareWorkers = 3;  // with fewer idle ones than that another worker is started
+constexpr int32_t kRow = 4;           // jobs in one go after which more are expected at once
 constexpr int32_t kLastJobNumber = 999999;
 constexpr int64_t kSubmitterGraceMs = 2000;
 constexpr const char *kIdleLabel = "IDLE-Worker";
@@ -40,6 +41,7 @@ struct Crew {
     int32_t holders;  // workers, and the pool until it is closed
     int32_t idle;     // workers in a wait
     bool waking;      // a wake-up is under way
+    bool lingering;   // a worker is about to look at the queue once more
     bool closed;      // idle workers leave, and are no longer counted in the pool's record
 };
 
@@ -149,14 +151,15 @@ void run_job(Crew *crew, cm_thread *self, const cm_job &job) {
     set_label(self, kIdleLabel, nullptr);
 }
 
-enum class After { kIdle, kLeave, kTooMany };
+enum class After { kIdle, kIdleAfterRow, kLeave, kTooMany };
 
 // Runs that job and those that wait after it.  Called with the lock, comes back with it.
 After run_jobs(Crew *crew, cm_thread *self, cm_job *job) {
     cm_tpool *pool = crew->pool;
     const int32_t busy = add_relaxed(pool->busy, 1);
     if (busy > pool->busy_peak) store_relaxed(pool->busy_peak, busy);
-    while (job != nullptr) {
+    int32_t row = 0;
+    for (; job != nullptr; row++) {
         const bool wake_next = pool->queue_head != nullptr && claim_wake_up(crew);
         cm_release_mutex(crew->lock);
         if (wake_next) os.event_set(crew->wake);
@@ -167,9 +170,20 @@ After run_jobs(Crew *crew, cm_thread *self, cm_job *job) {
         job = take_job(crew);
     }
     const bool too_many = add_relaxed(pool->busy, -1) < pool->workers - crew->ctx->idle_threads;
-    if (!too_many && !shutting_down(crew)) return After::kIdle;
+    if (!too_many && !shutting_down(crew)) return row < kRow ? After::kIdle : After::kIdleAfterRow;
     add_relaxed(pool->workers, -1);
     return shutting_down(crew) ? After::kLeave : After::kTooMany;
+}
+
+// Lets others run for a moment.  While jobs come one upon the other, one of them will have come then, and neither the
+// wait nor its end has to go through the system.  Called with the lock, comes back with it.
+void linger(Crew *crew) {
+    if (crew->lingering) return;
+    crew->lingering = true;
+    cm_release_mutex(crew->lock);
+    os.thread_yield();
+    cm_take_mutex(crew->lock);
+    crew->lingering = false;
 }
 
 // False: the thread was asked to end.  A wake-up that it may have used up is passed on.
@@ -203,7 +217,8 @@ int16_t CM_CALL work(cm_thread *self, cm_value argument) {
         if (shutting_down(crew)) return end_idle(crew, 1);
         if (cm_job *job = take_job(crew)) {
             const After after = run_jobs(crew, self, job);
-            if (after == After::kIdle) continue;
+            if (after == After::kIdleAfterRow) linger(crew);
+            if (after == After::kIdle || after == After::kIdleAfterRow) continue;
             leave(crew);
             if (after == After::kTooMany) report(ctx, CM_TRACE, "Thread-Pool Worker terminating...");
             return 1;
@@ -316,9 +331,10 @@ Queued queue_job(Crew *crew, const cm_job &request) {
     if (job == nullptr) return done;
     pool->job_spare = job->next;
     *job = request;
+    const bool first = pool->queue_head == nullptr;
     append_job(pool, job);
     done.queued = true;
-    done.wake = claim_wake_up(crew);
+    done.wake = !(first && crew->lingering) && claim_wake_up(crew);
     return done;
 }
 

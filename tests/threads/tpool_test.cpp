@@ -302,7 +302,11 @@ TEST(ThreadPool, TooFewThreadsForTheIdleWorkersLeaveNoneBehind) {
 TEST(ThreadPool, NoJobIsStranded) {
     Host host;
     host->trace_level = CM_INFO;
+#ifdef TILVARCM_SANITIZED
+    constexpr int kSubmitters = 8, kJobs = 2500;
+#else
     constexpr int kSubmitters = 8, kJobs = 12500;
+#endif
     auto conns = connections(kSubmitters);
     Pool pool(host, 12);
     std::vector<std::thread> submitters;
