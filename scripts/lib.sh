@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034,SC2015
 # What run, check and .ci/run share: installing what is missing, and stages of one line each.  Sourced from the top folder.
 
 export LC_ALL=C.UTF-8
