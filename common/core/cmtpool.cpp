@@ -26,7 +26,7 @@ using platform::os;
 constexpr int kPoolSizeInMessage = 48;  // part of the text
 constexpr int32_t kJobs = 500;
 constexpr int32_t kSpareWorkers = 3;  // with fewer idle ones than that another worker is started
-constexpr int32_t kRow = 2;           // jobs in one go after which more are expected at once
+constexpr int32_t kRow = 4;           // jobs in one go after which more are expected at once
 constexpr int32_t kLastJobNumber = 999999;
 constexpr int64_t kSubmitterGraceMs = 2000;
 constexpr const char *kIdleLabel = "IDLE-Worker";
@@ -143,10 +143,20 @@ cm_job *take_job(Crew *crew) {
 
 // ---- workers --------------------------------------------------------------------------------------------------------
 
+// After the pool was closed its record, which lies in memory of the network's, is only sure to be there as long as the
+// connection of a job is open.  So a worker counts itself out before it closes that.
+void count_out_if_closed(Crew *crew) {
+    const MutexGuard guard(crew->lock);
+    if (!crew->closed) return;
+    add_relaxed(crew->pool->busy, -1);
+    add_relaxed(crew->pool->workers, -1);
+}
+
 void run_job(Crew *crew, cm_thread *self, const cm_job &job) {
     set_label(self, job.label, job.connection);
     store_relaxed(self->jobs, self->jobs >= kLastJobNumber ? 1 : self->jobs + 1);
     job.function(crew->ctx, job.connection, self, job.argument);
+    if ((load_relaxed(crew->ctx->flags) & CTX_SHUTDOWN) != 0) count_out_if_closed(crew);
     close_for(crew->net, job, 1);
     set_label(self, kIdleLabel, nullptr);
 }
@@ -165,6 +175,7 @@ After run_jobs(Crew *crew, cm_thread *self, cm_job *job) {
         if (wake_next) os.event_set(crew->wake);
         run_job(crew, self, *job);
         cm_take_mutex(crew->lock);
+        if (crew->closed) return After::kLeave;
         if (shutting_down(crew)) break;
         spare_job(pool, job);
         job = take_job(crew);
