@@ -60,6 +60,8 @@ constexpr int32_t milliseconds(int64_t seconds) {
     return seconds > INT32_MAX / 1000 ? INT32_MAX : static_cast<int32_t>(seconds * 1000);
 }
 
+constexpr bool is_port(int32_t port) { return port >= 0 && port <= 65535; }
+
 // Counts on a performance counter of the context: 0 connections, 1 bytes received, 2 bytes sent.
 void count(cm_net_state *state, int32_t counter, int64_t amount);
 
@@ -99,30 +101,47 @@ private:
     cm_conn *conn_;
 };
 
-// Gives a handle its socket, as the owner does once.
-inline void set_socket(cm_conn *conn, cm_socket socket) {
-    __atomic_store_n(conn->sock, socket, __ATOMIC_SEQ_CST);
-}
+// Hidden marks of a handle.
+enum Mark : int32_t {
+    kListener = 1,
+    kNameWanted = 2,       // accepted: the peer's name has yet to be looked up
+    kHandshakeWanted = 4,  // accepted: the TLS handshake has yet to be done
+};
 
-// One call on a handle: while it lives, the descriptor that socket() gave is not closed.  After each wait ask again:
-// none means that another thread closed the handle.
+// Value of `phase` from hand-out until somebody begins to close the handle.
+constexpr int32_t kOpenPhase = 1;
+
+// Gives a handle that was taken just now its socket.  False: it was closed by force meanwhile, and the socket is
+// closed.
+bool give_socket(cm_conn *conn, cm_socket socket);
+
+// One call on a handle: while it lives, the descriptor that socket() gave stays open, and so do the TLS session, the
+// file and the compressor.  Every function that works on a handle holds one for its whole length; they nest.  After
+// each wait ask for the socket again: none means that another thread closes the handle.  Never close a handle inside
+// one.
 class Call {
 public:
     Call(cm_net_state *state, cm_conn *conn) : state_(state), conn_(conn) {
         __atomic_add_fetch(&conn->in_call, 1, __ATOMIC_SEQ_CST);
     }
-    ~Call() {
-        if (__atomic_sub_fetch(&conn_->in_call, 1, __ATOMIC_SEQ_CST) == kAbandoned) finish_abandoned(state_, conn_);
-    }
+    ~Call() { leave(state_, conn_); }
     Call(const Call &) = delete;
     Call &operator=(const Call &) = delete;
 
     cm_socket socket() const { return __atomic_load_n(conn_->sock, __ATOMIC_SEQ_CST); }
 
-    // Set in `in_call` by a close that gave up waiting: the last call to leave finishes it.
-    static constexpr int32_t kAbandoned = 0x40000000;
+    // Whether nobody closes the handle; to be asked before its file or compressor is touched.
+    bool open() const { return __atomic_load_n(&conn_->phase, __ATOMIC_SEQ_CST) == kOpenPhase; }
+
+    // Leaves the rest of a close to the last call inside.
+    static void abandon(cm_net_state *state, cm_conn *conn, cm_socket socket);
 
 private:
+    static constexpr int32_t kAbandoned = 0x40000000;  // in `in_call`
+
+    static void leave(cm_net_state *state, cm_conn *conn) {
+        if (__atomic_sub_fetch(&conn->in_call, 1, __ATOMIC_SEQ_CST) == kAbandoned) finish_abandoned(state, conn);
+    }
     static void finish_abandoned(cm_net_state *state, cm_conn *conn);
 
     cm_net_state *const state_;
@@ -132,6 +151,9 @@ private:
 // Keeping the state's memory past cm_net_exit: whoever may still touch it holds one of these.
 void hold_state(cm_net_state *state);
 void leave_state(cm_net_state *state);
+
+// Closes every open handle by force.
+void close_all(cm_net_state *state);
 
 // The job's own mark on a handle: the worker that runs it closes it, whatever else happens to it.
 void give_to_job(cm_net_state *state, cm_conn *conn);
@@ -146,9 +168,9 @@ Wait wait_for(cm_net_state *state, const Call &call, bool for_write, int32_t tim
 // cm_net_receive: true with 0 bytes when the peer has closed.
 bool receive(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int32_t *out_count);
 
-// Sends all bytes of all slices, as few system calls as that takes, with one line in the trace; the slices are used up.
-// Works for every kind of handle.  `more_follows`: another send comes at once, a partly filled packet may wait for it.
-bool send_slices(cm_net_state *state, cm_conn *conn, Slice *slices, int32_t count, bool more_follows);
+// Sends all bytes of all slices, as few system calls as that takes, with one line in the trace.  Works
+// for every kind of handle.  `more_follows`: another send comes at once, a partly filled packet may wait for it.
+bool send_slices(cm_net_state *state, cm_conn *conn, const Slice *slices, int32_t count, bool more_follows);
 
 // Sends a part of an open file, without its bytes passing through here where that is possible.  The file's position is
 // not kept.  False also when the file is shorter.

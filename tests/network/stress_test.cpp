@@ -1,0 +1,142 @@
+// Many connections, many threads.
+#include <atomic>
+
+#include "net.h"
+
+using namespace cm::test;
+
+namespace {
+
+void answer(cm_net_state *state, cm_conn *conn) {
+    char text[64];
+    int32_t count = 0;
+    if (cm_net_receive(state, conn, text, sizeof text, &count) == 1 && count > 0) cm_net_send(state, conn, text, count);
+}
+
+#ifdef TILVARCM_SANITIZED
+constexpr int kConnections = 2000;
+#else
+constexpr int kConnections = 10000;
+#endif
+
+// Clients come faster than the table lets them in; each is answered in the end.
+TEST(Stress, ThousandsOfConnectionsThroughATableOfThreeHundred) {
+    Net net("Maximum Connections = 300");
+    cm_conn *listener = nullptr;
+    ASSERT_EQ(cm_net_listen(net.state, "127.0.0.1", 0, 1024, 20, 0, &listener), 1);
+    std::atomic<int> right = 0, highest = 0;
+    Server server(net, {listener}, [&](cm_context *, cm_conn *conn, cm_thread *) {
+        int seen = highest;
+        const int now = net.open();
+        while (now > seen && !highest.compare_exchange_weak(seen, now)) {
+        }
+        answer(net.state, conn);
+    });
+    const auto burst = [&](int connections) {
+        std::vector<std::thread> clients;
+        for (int c = 0; c < 8; c++)
+            clients.emplace_back([&, c] {
+                for (int i = c; i < connections; i += 8) {
+                    const std::string text = "request " + std::to_string(i);
+                    Peer peer(listener->peer_port);
+                    right += peer.send(text) && peer.receive(text.size()) == text;
+                }
+            });
+        for (std::thread &client : clients) client.join();
+    };
+    burst(500);
+    const uint32_t memory = net.state->pool->total;
+    burst(kConnections - 500);
+    EXPECT_EQ(right, kConnections);
+    EXPECT_LE(highest, 300);
+    EXPECT_TRUE(eventually([&] { return net.open() == 1; }));
+    EXPECT_LT(net.state->pool->total - memory, 1u << 20);
+}
+
+// Everything at once: accepting, serving, closing, outgoing connections, forced closes, name changes, traces.
+TEST(Stress, ForcedClosesUnderLoad) {
+    Net net("Maximum Connections = 64\nNetwork Trace Level = PACKETS");
+    cm_conn *listener = net.listen(2);
+    const uint32_t port = listener->peer_port;
+    std::atomic<bool> stop = false;
+    std::atomic<int> rounds = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; t++)
+        threads.emplace_back([&] {
+            while (!stop) {
+                cm_conn *conn = nullptr;
+                if (cm_net_accept(net.state, listener, 0, &conn) == 0) break;
+                answer(net.state, conn);
+                cm_net_close(net.state, conn, 0);
+            }
+        });
+    for (int t = 0; t < 6; t++)
+        threads.emplace_back([&] {
+            while (!stop) {
+                cm_conn *conn = nullptr;
+                int32_t error = 0, count = 0;
+                char text[16];
+                if (cm_net_connect(net.state, "127.0.0.1", static_cast<int32_t>(port), 2, 0, 0, &conn, &error) == 0)
+                    continue;
+                cm_net_send(net.state, conn, "hello", 5);
+                cm_net_receive(net.state, conn, text, sizeof text, &count);
+                cm_net_isalive(net.state, conn);
+                cm_net_close(net.state, conn, 1);
+                rounds++;
+            }
+        });
+    for (int t = 0; t < 3; t++)
+        threads.emplace_back([&, t] {
+            while (!stop) {
+                if (t == 0) cm_net_initip(net.lib);
+                if (t == 1) cm_net_trace(net.lib, CM_NTRACE_PACKETS);
+                if (t == 2 && rounds % 50 == 0)  // what a forced close does, to everything but the listener
+                    for (int i = 0; i < 4; i++) os.thread_yield();
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+    EXPECT_TRUE(eventually([&] { return rounds > 200; }));
+    EXPECT_EQ(cm_net_closeall(net.state), 1);  // ends the acceptors; connects fail from now on
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(cm_net_closeall(net.state), 1);
+    stop = true;
+    cm_net_shutdown(net.state);
+    cm_net_closeall(net.state);
+    for (std::thread &thread : threads) thread.join();
+    EXPECT_EQ(net.open(), 0);
+}
+
+// The same through the accept loop: the owners of forcibly closed handles are workers, and nobody's handle is anybody
+// else's.
+TEST(Stress, ForcedClosesOfWorkersConnections) {
+    Net net;
+    cm_conn *listener = net.listen();
+    std::atomic<int> served = 0, wrong = 0;
+    std::atomic<bool> stop = false;
+    Server server(net, {listener}, [&](cm_context *, cm_conn *conn, cm_thread *) {
+        const uint32_t serial = conn->serial;
+        for (int i = 0; i < 3; i++) answer(net.state, conn);
+        wrong += conn->serial != serial;
+        served++;
+    });
+    std::vector<std::thread> clients;
+    for (int c = 0; c < 8; c++)
+        clients.emplace_back([&] {
+            while (!stop) {
+                Peer peer(listener->peer_port);
+                if (peer.error() != 0) break;
+                for (int i = 0; i < 3; i++)
+                    if (!peer.send("x") || peer.receive(1) != "x") break;
+            }
+        });
+    EXPECT_TRUE(eventually([&] { return served > 300; }));
+    cm_net_closeall(net.state);  // and with the listener the loop ends
+    EXPECT_EQ(server.join(), 1);
+    stop = true;
+    for (std::thread &client : clients) client.join();
+    EXPECT_TRUE(eventually([&] { return cm::load_relaxed(net.state->users) == 1; }));
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(net.open(), 0);
+}
+
+}  // namespace
