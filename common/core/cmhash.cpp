@@ -1,14 +1,14 @@
 // Hash tables: chains of entries with copied keys.
 //
 // Every entry remembers its full hash, so that a chain is passed without touching the keys of others, and the length of
-// its buffer.  Removed entries of a pool's table wait on `free_list` with their buffers.  Entries are unlinked with the
-// predecessor that the search has just seen, never with `previous`, which a removing walk leaves stale.
+// its buffer.  Removed entries of a pool's table wait on `free_list` with their buffers.
 #include <stddef.h>
 #include <string.h>
 
+#include <bit>
+
 #include "core/cmerror.h"
 #include "core/cmmemory.h"
-#include "core/cmstring.h"
 
 using cm::report;
 
@@ -26,8 +26,7 @@ struct Walk {
     Walk *outer;
 };
 
-// ---- hashing
-// ---------------------------------------------------------------------------------------------------------
+// ---- hashing -------------------------------------------------------------------------------------------------------
 
 static uint32_t hash_word(const unsigned char *key) {
     uint32_t h;
@@ -43,27 +42,44 @@ static uint32_t hash_word(const unsigned char *key) {
     return h;
 }
 
-// h = h * 31 + byte for every byte, four at a time.
+// What eight bytes add to the hash of those before them: neighbours are joined in lanes of 16, then 32, then 64 bits.
+static uint32_t sum_of_eight(const unsigned char *bytes) {
+    static_assert(std::endian::native == std::endian::little);
+    constexpr uint64_t kBytes = 0x00FF00FF00FF00FF, kPairs = 0x0000FFFF0000FFFF;
+    uint64_t x;
+    memcpy(&x, bytes, sizeof x);
+    x = (x & kBytes) * 31 + (x >> 8 & kBytes);
+    x = (x & kPairs) * (31 * 31) + (x >> 16 & kPairs);
+    return static_cast<uint32_t>(x) * (31u * 31 * 31 * 31) + static_cast<uint32_t>(x >> 32);
+}
+
+// h = h * 31 + byte for every byte, several at a time.
 static uint32_t hash_bytes(const unsigned char *key, uint32_t length) {
+    constexpr uint32_t kFour = 31u * 31 * 31 * 31, kEight = kFour * kFour;
     uint32_t h = 0;
-    for (; length >= 4; key += 4, length -= 4)
-        h = h * 923521u + key[0] * 29791u + key[1] * 961u + key[2] * 31u + key[3];
+    for (; length >= 8; key += 8, length -= 8) h = h * kEight + sum_of_eight(key);
+    if (length >= 4) {
+        h = h * kFour + key[0] * (31u * 31 * 31) + key[1] * (31u * 31) + key[2] * 31u + key[3];
+        key += 4;
+        length -= 4;
+    }
     for (; length > 0; key++, length--) h = h * 31u + *key;
     return h;
 }
 
 struct Key {
-    const char *bytes;
+    const unsigned char *bytes;
     int32_t length;
     uint32_t hash;
 
-    Key(const char *text, int32_t text_length) : bytes(text), length(text_length) {
-        const auto *raw = reinterpret_cast<const unsigned char *>(text);
-        hash = length == 4 ? hash_word(raw) : hash_bytes(raw, static_cast<uint32_t>(length));
-    }
+    Key(const void *text, int32_t text_length)
+        : bytes(static_cast<const unsigned char *>(text)),
+          length(text_length),
+          hash(length == 4 ? hash_word(bytes) : hash_bytes(bytes, static_cast<uint32_t>(length))) {}
+    // Every step of hash_word can be undone, so two keys of 4 bytes with one hash are the same key.
     bool is_of(const Entry &entry) const {
         return entry.hash == hash && entry.key_length == length &&
-               memcmp(entry.key, bytes, static_cast<size_t>(length)) == 0;
+               (length == 4 || memcmp(entry.key, bytes, static_cast<size_t>(length)) == 0);
     }
 };
 
@@ -78,23 +94,26 @@ static uint32_t bucket_of(const cm_hash &table, uint32_t hash) {
 #endif
 }
 
-struct Place {
-    uint32_t bucket;
-    Entry *before;
-    Entry *entry;  // null: not there
-};
-
-static Place find(const cm_hash &table, const Key &key) {
-    Place place = {bucket_of(table, key.hash), nullptr, nullptr};
-    for (place.entry = table.heads[place.bucket]; place.entry != nullptr; place.entry = place.entry->next) {
-        if (key.is_of(*place.entry)) break;
-        place.before = place.entry;
-    }
-    return place;
+// What points to the entry of that key, or the null at the end of its chain.
+[[gnu::always_inline]] static inline Entry **find_link(const cm_hash &table, const Key &key) {
+    Entry **link = &table.heads[bucket_of(table, key.hash)];
+    while (*link != nullptr && !key.is_of(**link)) link = &(*link)->next;
+    return link;
 }
 
-// ---- entries
-// ---------------------------------------------------------------------------------------------------------
+static Entry **link_to(const cm_hash &table, uint32_t bucket, const Entry *entry) {
+    Entry **link = &table.heads[bucket];
+    while (*link != entry) link = &(*link)->next;
+    return link;
+}
+
+// The entry whose `next` that link is; null for a chain's head.
+static Entry *owner_of(const cm_hash &table, Entry **link) {
+    if (link >= table.heads && link <= table.heads + table.buckets) return nullptr;
+    return reinterpret_cast<Entry *>(reinterpret_cast<char *>(link) - offsetof(Entry, next));
+}
+
+// ---- entries -------------------------------------------------------------------------------------------------------
 
 static void put_on_free_list(cm_hash &table, Entry *entry) {
     entry->next = table.free_list;
@@ -102,20 +121,33 @@ static void put_on_free_list(cm_hash &table, Entry *entry) {
     table.free_list = entry;
 }
 
+// A new entry and its buffer are one piece.  An entry that was recycled for a longer key has a buffer of its own, and
+// what the first one took is lost to the pool.
+static char *first_buffer(Entry &entry) {
+    return reinterpret_cast<char *>(&entry + 1);
+}
+
+static void free_buffer(cm_hash &table, Entry &entry) {
+    if (entry.key != first_buffer(entry)) cm_mem_free(table.pool, entry.key);
+}
+
 static void free_entry(cm_hash &table, Entry *entry) {
-    cm_mem_free(table.pool, entry->key);
+    free_buffer(table, *entry);
     cm_mem_free(table.pool, entry);
 }
 
-// Gives the entry a buffer for the key, unless its own may be used: one that had a shorter key is not, even where its
+static int32_t capacity_for(const cm_hash &table, int32_t length) {
+    return length > table.key_min ? length : table.key_min;
+}
+
+// Gives a recycled entry a new buffer, unless its own may be used: one that had a shorter key is not, even where its
 // piece has room, unless `key_min` made it larger.
 static bool ensure_buffer(cm_hash &table, Entry &entry, int32_t length) {
-    const int32_t allowed = entry.key_length > table.key_min ? entry.key_length : table.key_min;
-    if (entry.key != nullptr && length <= allowed && length <= entry.capacity) return true;
-    const int32_t capacity = length > table.key_min ? length : table.key_min;
+    if (length <= capacity_for(table, entry.key_length) && length <= entry.capacity) return true;
+    const int32_t capacity = capacity_for(table, length);
     auto *buffer = static_cast<char *>(cm_mem_alloc(table.pool, static_cast<uint32_t>(capacity) + 1));
     if (buffer == nullptr) return false;
-    cm_mem_free(table.pool, entry.key);
+    free_buffer(table, entry);
     entry.key = buffer;
     entry.capacity = capacity;
     return true;
@@ -129,55 +161,58 @@ static Entry *obtain_entry(cm_hash &table, int32_t length) {
         table.free_list = entry->next;
         return entry;
     }
-    entry = static_cast<Entry *>(allocate_zeroed(table.pool, sizeof *entry));
+    const int32_t capacity = capacity_for(table, length);
+    entry = static_cast<Entry *>(allocate_zeroed(table.pool, sizeof(Entry) + static_cast<uint64_t>(capacity) + 1));
     if (entry == nullptr) return nullptr;
-    if (!ensure_buffer(table, *entry, length)) {
-        cm_mem_free(table.pool, entry);
-        return nullptr;
-    }
+    entry->key = first_buffer(*entry);
+    entry->capacity = capacity;
     return entry;
 }
 
-static bool insert(cm_hash &table, uint32_t bucket, const Key &key, cm_value value) {
+static int16_t insert(cm_hash &table, const Key &key, cm_value value) {
     Entry *const entry = obtain_entry(table, key.length);
-    if (entry == nullptr) return false;
+    if (entry == nullptr) return 0;
     memmove(entry->key, key.bytes, static_cast<size_t>(key.length));  // it may be the key of the recycled entry itself
     entry->key[key.length] = '\0';
     entry->key_length = key.length;
     entry->hash = key.hash;
     entry->value = value;
     entry->previous = nullptr;
+    const uint32_t bucket = bucket_of(table, key.hash);
     entry->next = table.heads[bucket];
     if (entry->next != nullptr) entry->next->previous = entry;
     table.heads[bucket] = entry;
     table.entries++;
-    return true;
+    return 1;
 }
 
 // Moves cursors and walks off an entry that leaves its chain.  A cursor steps back, so that its next step finds the
 // entry that followed: to the entry before, or to the end of the bucket before.  At the head of bucket 0 there is no
 // bucket before and the rest of bucket 0 is skipped: kept, hosts count on what a walk with deletions visits.
-static void step_off(cm_hash &table, const Place &place) {
+static void step_off(cm_hash &table, const Entry *entry, Entry *before) {
     for (int i = 0; i < 4; i++) {
-        if (table.cursor_entry[i] != place.entry) continue;
-        table.cursor_entry[i] = place.before;
-        if (place.before == nullptr && table.cursor_bucket[i] > 0) table.cursor_bucket[i]--;
+        if (table.cursor_entry[i] != entry) continue;
+        table.cursor_entry[i] = before;
+        if (before == nullptr && table.cursor_bucket[i] > 0) table.cursor_bucket[i]--;
     }
     for (auto *walk = static_cast<Walk *>(table.walks); walk != nullptr; walk = walk->outer) {
-        if (walk->current == place.entry) walk->current = nullptr;
-        if (walk->next == place.entry) walk->next = place.entry->next;
+        if (walk->current == entry) walk->current = nullptr;
+        if (walk->next == entry) walk->next = entry->next;
     }
 }
 
-static void take_out(cm_hash &table, const Place &place) {
-    step_off(table, place);
-    (place.before != nullptr ? place.before->next : table.heads[place.bucket]) = place.entry->next;
+// Takes the entry out of its chain that the link points to; gives the one before it.
+static Entry *take_out(cm_hash &table, Entry **link) {
+    Entry *const before = owner_of(table, link);
+    step_off(table, *link, before);
+    *link = (*link)->next;
+    return before;
 }
 
-static void remove(cm_hash &table, const Place &place, cm_value *out_value) {
-    Entry *const entry = place.entry;
-    take_out(table, place);
-    if (entry->next != nullptr) entry->next->previous = place.before;
+static void remove(cm_hash &table, Entry **link, cm_value *out_value) {
+    Entry *const entry = *link;
+    Entry *const before = take_out(table, link);
+    if (entry->next != nullptr) entry->next->previous = before;
     if (out_value != nullptr) *out_value = entry->value;
     table.entries--;
     if (table.pool != nullptr)
@@ -186,14 +221,7 @@ static void remove(cm_hash &table, const Place &place, cm_value *out_value) {
         free_entry(table, entry);
 }
 
-static Place place_of(const cm_hash &table, uint32_t bucket, Entry *entry) {
-    Place place = {bucket, nullptr, table.heads[bucket]};
-    for (; place.entry != nullptr && place.entry != entry; place.entry = place.entry->next) place.before = place.entry;
-    return place;
-}
-
-// ---- cursors
-// ---------------------------------------------------------------------------------------------------------
+// ---- cursors -------------------------------------------------------------------------------------------------------
 
 static int cursor_number(const void *key) {
     int32_t number = 0;
@@ -211,53 +239,72 @@ static int16_t settle(cm_hash &table, int cursor, uint32_t bucket, Entry *entry,
     return 1;
 }
 
-static int16_t first(cm_hash &table, int cursor, Entry **out_entry) {
-    return settle(table, cursor, 0, table.heads[0], out_entry);
-}
-
 static int16_t bad_index(const cm_hash &table) {
     report(table.owner, CM_ERROR, "cm_hash_entry() The hash index specified is invalid.");
     return 0;
 }
 
+static int16_t first(cm_hash &table, int cursor, Entry **out_entry) {
+    return settle(table, cursor, 0, table.heads[0], out_entry);
+}
+
 static int16_t next(cm_hash &table, int cursor, Entry **out_entry) {
-    if (table.cursor_bucket[cursor] > table.buckets) return bad_index(table);
-    Entry *const entry = table.cursor_entry[cursor];
-    return settle(table, cursor, table.cursor_bucket[cursor], entry != nullptr ? entry->next : nullptr, out_entry);
+    const uint32_t bucket = table.cursor_bucket[cursor];
+    if (bucket > table.buckets) return bad_index(table);
+    const Entry *const entry = table.cursor_entry[cursor];
+    return settle(table, cursor, bucket, entry != nullptr ? entry->next : nullptr, out_entry);
 }
 
 static int16_t remove_current(cm_hash &table, int cursor, cm_value *out_value) {
     const uint32_t bucket = table.cursor_bucket[cursor];
     if (bucket > table.buckets || table.cursor_entry[cursor] == nullptr) return bad_index(table);
-    const Place place = place_of(table, bucket, table.cursor_entry[cursor]);
-    if (place.entry == nullptr) return bad_index(table);
-    remove(table, place, out_value);
+    remove(table, link_to(table, bucket, table.cursor_entry[cursor]), out_value);
     return 1;
 }
 
-// ---- operations by key
-// -----------------------------------------------------------------------------------------------
+// ---- operations by key ---------------------------------------------------------------------------------------------
+//
+// Each is a function of its own with few registers to save, which a look-up would otherwise feel.
 
-static int16_t by_key(cm_hash &table, int32_t operation, const char *text, int32_t length, cm_value value) {
-    auto *const out_value = operation == CM_OP_SET ? nullptr : reinterpret_cast<cm_value *>(value);
-    if (operation == CM_OP_FIND && out_value != nullptr) *out_value = 0;
-    const size_t measured = view(text, length).size();
-    if (measured == 0 || measured > INT32_MAX) {
-        report(table.owner, CM_ERROR, "cm_hash_entry() The key length specified is invalid.");
-        return 0;
+// The length of a key; 0, reported, when it is no key.
+static int32_t measure(const cm_hash &table, const void *key, int32_t length) {
+    if (length == CM_LEN_TEXT && key != nullptr) {
+        const size_t measured = strlen(static_cast<const char *>(key));
+        length = measured <= INT32_MAX ? static_cast<int32_t>(measured) : 0;
     }
-    const Key key(text, static_cast<int32_t>(measured));
-    const Place place = find(table, key);
-    if (operation == CM_OP_SET) {
-        if (place.entry == nullptr) return insert(table, place.bucket, key, value);
-        place.entry->value = value;
-        return 1;
-    }
-    if (place.entry == nullptr) return 0;
-    if (operation == CM_OP_DELETE)
-        remove(table, place, out_value);
-    else if (out_value != nullptr)
-        *out_value = place.entry->value;
+    if (length > 0 && key != nullptr) return length;
+    report(table.owner, CM_ERROR, "cm_hash_entry() The key length specified is invalid.");
+    return 0;
+}
+
+[[gnu::noinline]] static int16_t get(const cm_hash &table, const void *text, int32_t length, cm_value *out_value) {
+    if (out_value != nullptr) *out_value = 0;
+    length = measure(table, text, length);
+    if (length == 0) return 0;
+    const Key key(text, length);
+    const Entry *const entry = *find_link(table, key);
+    if (entry == nullptr) return 0;
+    if (out_value != nullptr) *out_value = entry->value;
+    return 1;
+}
+
+[[gnu::noinline]] static int16_t set(cm_hash &table, const void *text, int32_t length, cm_value value) {
+    length = measure(table, text, length);
+    if (length == 0) return 0;
+    const Key key(text, length);
+    Entry *const entry = *find_link(table, key);
+    if (entry == nullptr) return insert(table, key, value);
+    entry->value = value;
+    return 1;
+}
+
+[[gnu::noinline]] static int16_t remove_key(cm_hash &table, const void *text, int32_t length, cm_value *out_value) {
+    length = measure(table, text, length);
+    if (length == 0) return 0;
+    const Key key(text, length);
+    Entry **const link = find_link(table, key);
+    if (*link == nullptr) return 0;
+    remove(table, link, out_value);
     return 1;
 }
 
@@ -342,9 +389,11 @@ CM_API int16_t CM_CALL cm_hash_entry(cm_hash *table, int32_t operation, const vo
     if (table == nullptr) return 0;
     switch (operation) {
         case CM_OP_FIND:
+            return get(*table, key, key_length, reinterpret_cast<cm_value *>(value));
         case CM_OP_SET:
+            return set(*table, key, key_length, value);
         case CM_OP_DELETE:
-            return by_key(*table, operation, static_cast<const char *>(key), key_length, value);
+            return remove_key(*table, key, key_length, reinterpret_cast<cm_value *>(value));
         case CM_OP_FIRST:
             return first(*table, cursor_number(key), reinterpret_cast<Entry **>(value));
         case CM_OP_NEXT:
@@ -361,22 +410,21 @@ CM_API int16_t CM_CALL cm_hash_entry(cm_hash *table, int32_t operation, const vo
 CM_API int16_t CM_CALL cm_hash_walk(cm_hash *table, cm_value user, cm_hash_visit_fn visit) {
     if (table == nullptr || visit == nullptr) return 0;
     Walk walk = {nullptr, nullptr, static_cast<Walk *>(table->walks)};
-    int16_t result = 1;
+    constexpr int32_t kStop = CM_WALK_STOP_OK | CM_WALK_STOP_FAIL;
     int32_t wish = 0;
     table->walks = &walk;
-    for (uint32_t bucket = 0; bucket < table->buckets && !(wish & (CM_WALK_STOP_OK | CM_WALK_STOP_FAIL)); bucket++) {
+    for (uint32_t bucket = 0; !(wish & kStop) && bucket < table->buckets; bucket++) {
         walk.next = table->heads[bucket];
-        while (walk.next != nullptr && !(wish & (CM_WALK_STOP_OK | CM_WALK_STOP_FAIL))) {
+        while (!(wish & kStop) && walk.next != nullptr) {
             walk.current = walk.next;
             walk.next = walk.current->next;
             wish = visit(table, user, walk.current);
             if (!(wish & CM_WALK_REMOVE) || walk.current == nullptr) continue;
-            const Place place = place_of(*table, bucket, walk.current);
-            take_out(*table, place);
-            put_on_free_list(*table, place.entry);
+            Entry *const entry = walk.current;
+            take_out(*table, link_to(*table, bucket, entry));
+            put_on_free_list(*table, entry);
         }
     }
-    if (wish & CM_WALK_STOP_FAIL && !(wish & CM_WALK_STOP_OK)) result = 0;
     table->walks = walk.outer;
-    return result;
+    return (wish & kStop) != CM_WALK_STOP_FAIL;
 }

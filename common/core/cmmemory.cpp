@@ -49,8 +49,7 @@ static uint32_t round_piece(uint32_t size) {
     return (size + kGuardBytes + kGrain - 1) & ~(kGrain - 1);
 }
 
-// ---- handles
-// ---------------------------------------------------------------------------------------------------------
+// ---- handles -------------------------------------------------------------------------------------------------------
 //
 // Handles are recycled and their memory stays handles for good, so that a second release of a pool always finds a magic
 // number to look at.  The free ones form a stack that any thread pushes to and pops from without a lock.  Links are
@@ -121,8 +120,7 @@ static void give_handle(cm_mem_pool *pool) {
     } while (!free_handles.compare_exchange_weak(top, with_it, std::memory_order_release, std::memory_order_relaxed));
 }
 
-// ---- blocks
-// ----------------------------------------------------------------------------------------------------------
+// ---- blocks --------------------------------------------------------------------------------------------------------
 
 static cm_mem_block *new_block(uint32_t payload) {
     const size_t bytes = size_t{kHeaderBytes} + payload;
@@ -153,8 +151,7 @@ static bool is_intact(const cm_mem_block &block) {
     return block.size >= kGrain && block.used <= block.size && block.magic == CM_BLOCK_MAGIC;
 }
 
-// ---- pools
-// -----------------------------------------------------------------------------------------------------------
+// ---- pools ---------------------------------------------------------------------------------------------------------
 
 static bool is_valid(const cm_mem_pool &pool) {
     if (pool.magic != CM_POOL_MAGIC || pool.block_size < kGrain || pool.used > pool.block_size) return false;

@@ -19,8 +19,7 @@ static bool writes_back(const char *format) {
     return false;
 }
 
-// ---- 16-bit characters
-// -----------------------------------------------------------------------------------------------
+// ---- 16-bit characters ---------------------------------------------------------------------------------------------
 //
 // The C library's wide formatter works on 32-bit characters on some systems, so these are formatted here.
 

@@ -296,8 +296,7 @@ TEST(Pool, SharedPiecesComeFromTheContextsPool) {
     EXPECT_EQ(pool->used, 64u);
 }
 
-// ---- kept blocks
-// -----------------------------------------------------------------------------------------------------
+// ---- kept blocks ---------------------------------------------------------------------------------------------------
 
 TEST(KeptBlocks, NextPoolFindsThemZeroed) {
     cm_mem_block *block = nullptr;
