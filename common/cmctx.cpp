@@ -20,6 +20,7 @@
 #include "core/cmmemory.h"
 #include "core/cmstring.h"
 #include "core/relaxed.h"
+#include "files/cmcron.h"
 #include "platform/platform.h"
 
 using cm::platform::os;
@@ -110,6 +111,7 @@ constexpr int32_t kThreadBlockSize = 256;
 constexpr uint32_t kThreadBuckets = 541;
 constexpr int32_t kPathSize = 1024;
 constexpr char kHome[] = "TVHOME";
+constexpr int32_t kTaskOfLibrary = 101;  // origin of tasks that no configuration file names
 constexpr uint32_t kNoClock = UINT32_MAX;  // what cm_cursec gives when the clock cannot be read
 
 // ---- one start ------------------------------------------------------------------------------------------------------
@@ -355,9 +357,11 @@ bool start_history_store(Start &) {
 }
 void stop_history_store(cm_context *) {}
 
-// The scheduler has no undo of its own: its threads end with all others, before anything is released.
-bool start_scheduler(Start &) {
-    return true;
+// The scheduler is not stopped: its threads end with all others, before anything is released.
+bool start_scheduler(Start &start) {
+    cm_context *const ctx = start.ctx;
+    return cm_cron_init(ctx) != 0 && cm_cron_task(ctx, "Performance Monitor", cm__perf, reinterpret_cast<cm_value>(ctx),
+                                                  kTaskOfLibrary, 0, "0 * * * *") != 0;
 }
 
 bool start_dial_up(Start &) {
@@ -365,10 +369,12 @@ bool start_dial_up(Start &) {
 }
 void stop_dial_up(cm_context *) {}
 
-bool start_file_cache(Start &) {
-    return true;
+bool start_file_cache(Start &start) {
+    return cm_cache_init(start.ctx) != 0;
 }
-void stop_file_cache(cm_context *) {}
+void stop_file_cache(cm_context *ctx) {
+    cm_cache_exit(ctx);
+}
 
 void unload_libraries(cm_context *) {}
 
@@ -416,6 +422,7 @@ constexpr Undo kUndoLate[] = {
     stop_alerts,
     stop_dial_up,
     stop_resolver,
+    cron::release_all,
     close_file<&cm_context::log_file>,
     close_file<&cm_context::net_log>,
     delete_mutex<&cm_context::log_mutex>,
@@ -438,6 +445,7 @@ constexpr Undo kUndoAtExit[] = {
     stop_resolver,
     stop_alerts,
     stop_history_store,
+    cron::release_all,
     say_exited,
     close_file<&cm_context::log_file>,
     close_file<&cm_context::net_log>,

@@ -58,7 +58,11 @@ extern "C" {
 
 /* ---------- basic types and constants ---------- */
 typedef uintptr_t cm_value;              /* a number or a pointer of the caller's */
-#define CM_OUT(p)   ((cm_value)(p))      /* out argument of cm_*_entry */
+#ifdef __cplusplus                       /* the address of an out argument, as a cm_value */
+#  define CM_OUT(p) reinterpret_cast<cm_value>(p)
+#else
+#  define CM_OUT(p) ((cm_value)(p))
+#endif
 #define CM_LEN_TEXT (-3)
 
 #define CM_FATAL 10
@@ -271,7 +275,8 @@ struct cm_context {
     cm_file    *file_free;               /* free file handles, under file_mutex */
     int32_t     file_open;               /* open file handles, under file_mutex */
     void       *cipher;                  /* keys of the two-way cipher */
-    void       *reserved[11];
+    cm_cron    *cron_states;             /* every scheduler of this start */
+    void       *reserved[10];
     /* by hour, minute, counter; the counters fill the block to its end */
     uint32_t    perf[24][60][CM_PERF_COUNTERS];
 };
@@ -856,6 +861,139 @@ CM_API int16_t  CM_CALL cm_curtime(uint32_t seconds, char *buffer, int32_t size)
 CM_API uint32_t CM_CALL cm_parsedatetime(const char *text);
 /* "2002/7/4" or "7/4/2002" (month first), and nothing after it, at 00:00:00.  2002/2/31 passes as 3 March. */
 CM_API uint32_t CM_CALL cm_parsedate(const char *text);
+
+/* ---------- scheduler ---------- */
+/* A task of the scheduler, from cm_cron_task to the end of the library; records are never freed. */
+struct cm_cron_rec {
+    cm_cron_rec *next;
+    int32_t      state;        /* 0 idle, 1 due, 2 running */
+    int32_t      origin;       /* 102 section "cron", 103 a section named after a period, else the caller's */
+    int32_t      threaded;     /* 1: runs on a thread of its own */
+    cm_value     argument;
+    char        *name;
+    char        *period;       /* the five fields as written */
+    cm_thread   *thread;       /* of the last run on a thread of its own; only for display */
+    cm_task_fn   function;
+    uint8_t      minute[60], hour[24], day[32], month[12], weekday[7]; /* 1: named by the period; day[0] by "*" only, month[0] January, weekday[0] Sunday */
+    cm_context  *ctx;          /* hidden */
+};
+struct cm_cron_fn {
+    char        *name;
+    cm_task_fn   function;
+    cm_cron_fn  *next;
+};
+struct cm_cron {
+    uint32_t     stamp;        /* modification time of schedule.ini when it was read */
+    int32_t      stop;
+    cm_cron_fn  *functions;    /* newest first */
+    cm_thread   *thread;
+    cm_cron_rec *periodic, *startup, *shutdown;
+    /* hidden */
+    cm_context  *ctx;
+    cm_mutex    *lock;         /* guards the four lists */
+    void        *wake;
+    int64_t      last;         /* the scheduler thread's: time of its last round */
+    cm_cron     *next_state;
+};
+extern CM_API const char *const DowAry[8];   /* "sun" to "sat", then null: the names of the weekday field */
+extern CM_API const char *const MonAry[13];  /* "jan" to "dec", then null: the names of the month field */
+
+/* A crontab with a resolution of one minute.  Its thread ("CRON", an ordinary recorded thread) reads "schedule.ini" of the
+ * configuration directory and re-reads it when it changes; minutes that it missed are caught up, once per task.
+ * cm_cron_init attaches the state; cm_cron_start starts the thread ("Failed to start CRON thread." otherwise).
+ * cm_cron_stop runs the shut-down tasks, detaches the state and tells the thread to end; it does not wait for it, and
+ * cm_ctx_exit does not call it.  All give 1 when there was nothing to do. */
+CM_API int16_t CM_CALL cm_cron_init(cm_context *ctx);
+CM_API int16_t CM_CALL cm_cron_start(cm_context *ctx);
+CM_API int16_t CM_CALL cm_cron_stop(cm_context *ctx);
+
+/* Registers a task; starts the scheduler when there is none.
+ *   function  what runs: function(ctx, name, argument), 1 for success.  Null: the command behind the period's five
+ *             fields (where there is none, the text that `argument` points to) runs, either the function that
+ *             cm_cron_func registered under its first letters, newest first, or a process without a shell.
+ *   argument  kept as it is; 0 with a command: a copy of the command
+ *   origin    the caller's mark; 101 by custom
+ *   threaded  1: on a thread of its own ("CRON Task"), else on the scheduler's
+ *   period    minute 0-59, hour 0-23, day of month 1-31, month 1-12 or jan-dec, weekday 0-6 or sun-sat: "*", values,
+ *             ranges that may wrap ("22-2"), steps ("*" "/15"), lists; or "timeout" (every minute), "hourly", "daily",
+ *             "weekly", "monthly"; or "startup", "shutdown"; or "never", which registers nothing and succeeds.
+ *             Where both days are restricted either one is enough.
+ * Result 0: no period, no command, no memory; without a function also a period that does not parse.  With a function such
+ * a period is registered with the fields that were understood. */
+CM_API int16_t CM_CALL cm_cron_task(cm_context *ctx, const char *name, cm_task_fn function, cm_value argument, int32_t origin, int32_t threaded, const char *period);
+
+/* A command whose text begins with `name` (in any case) runs the function instead of a process. */
+CM_API int16_t CM_CALL cm_cron_func(cm_context *ctx, const char *name, cm_task_fn function);
+
+/* Takes the first periodic task of exactly that name off the list; a run under way goes on. */
+CM_API int16_t CM_CALL cm_cron_remove(cm_context *ctx, const char *name);
+
+/* Runs the command line that `command` points to as a process, in the install root, and waits for it up to "Scheduler Task
+ * Timeout" seconds; then it is ended with everything that it started.  What it wrote to its error stream goes into the
+ * log.  1 also when its exit code was not 0. */
+CM_API int16_t CM_CALL cm__cron_usertask(cm_context *ctx, const char *name, cm_value command);
+
+/* ---------- file cache ---------- */
+struct cm_cache_rec {
+    void    *data;
+    int32_t  in_use;           /* holders */
+    uint32_t last_access;
+    uint32_t validated;        /* when the disk was last asked */
+    int32_t  size;             /* bytes of data; 0 for an entry that only answers cm_stat */
+    uint32_t file_index, file_mode, file_size, file_mtime; /* of the file as it was read */
+    cm_cache_free_fn free_fn;  /* page entries */
+    /* hidden */
+    uint32_t file_ctime, file_atime;
+    int32_t  racy;             /* changed so shortly before it was read that its time proves nothing */
+    int32_t  orphan;           /* in no table any more: its last holder frees it */
+};
+typedef struct cm_cache_addr {
+    uint32_t created;
+    uint32_t v[3];
+} cm_cache_addr;
+struct cm_cache {
+    int32_t      hits, files, pages, opens;
+    uint32_t     last_cleanup;
+    int32_t      bytes;
+    int16_t      cleanup_wanted;
+    cm_hash     *addresses, *file_table, *page_table;
+    cm_mutex    *mutex;        /* guards everything above */
+    cm_mem_pool *pool;
+    cm_context  *ctx;
+};
+
+/* Whole small files, stat results, compiled pages and addresses in memory.  Start-up makes it when "File Cache Size" (bytes
+ * of all data; "Maximum Cached File" bounds one file) or "Cache DNS Interval" is above 0; cm_fopenc, cm_stat, cm_isfile and
+ * cm_isexe use it by themselves.  An entry is believed for "Cache Stat Interval" seconds, then compared with the disk.
+ * Nothing is evicted to make room: a file that does not fit is read from disk.  cm_cache_reset empties the cache (open
+ * handles keep what they read); cm_cache_exit takes it away.  All three give 1 when there is nothing to do. */
+CM_API int16_t CM_CALL cm_cache_init(cm_context *ctx);
+CM_API int16_t CM_CALL cm_cache_exit(cm_context *ctx);
+CM_API int16_t CM_CALL cm_cache_reset(cm_context *ctx);
+
+/* What cm_fopenc, cm_fclose, cm_fopen (for writing) and cm_stat call.
+ *   cm_cache_open   `handle` carries the path.  1 and *hit 1: it reads the cached bytes now and cm_cache_close must follow;
+ *                   1 and *hit 0: open the file yourself; 0: the file is gone
+ *   cm_cache_age    forgets what is cached of the handle's path, unless it is in use
+ *   cm_cache_stat   0: no such file */
+CM_API int16_t CM_CALL cm_cache_open(cm_context *ctx, cm_file *handle, int32_t flags, int16_t *hit);
+CM_API int16_t CM_CALL cm_cache_close(cm_context *ctx, cm_file *handle);
+CM_API int16_t CM_CALL cm_cache_age(cm_context *ctx, cm_file *handle);
+CM_API int16_t CM_CALL cm_cache_stat(cm_context *ctx, const char *path, cm_stat_rec *record);
+
+/* Compiled pages by the path of the file that they were made from.
+ *   cm_cache_setasp   takes `data` over, counted as `size` bytes, freed by `free_fn`; with `out_entry` the caller holds it
+ *                     too.  0: the file is missing or too large, the cache is full or there is no memory; then the data
+ *                     stays the caller's
+ *   cm_cache_getasp   holds and gives the page, 0 when there is none or the file has changed
+ *   cm_cache_freeasp  ends a hold */
+CM_API int16_t CM_CALL cm_cache_getasp(cm_context *ctx, const char *path, void **out_data, cm_cache_rec **out_entry);
+CM_API int16_t CM_CALL cm_cache_setasp(cm_context *ctx, const char *path, void *data, int32_t size, cm_cache_free_fn free_fn, cm_cache_rec **out_entry);
+CM_API int16_t CM_CALL cm_cache_freeasp(cm_context *ctx, cm_cache_rec *entry);
+
+/* Three words per host name (under 256 bytes), for "Cache DNS Interval" seconds; at most 1024 names. */
+CM_API int16_t CM_CALL cm_cache_getaddr(cm_context *ctx, const char *host, uint32_t *out1, uint32_t *out2, uint32_t *out3);
+CM_API int16_t CM_CALL cm_cache_setaddr(cm_context *ctx, const char *host, uint32_t v1, uint32_t v2, uint32_t v3);
 
 /* ---------- strings and random numbers ---------- */
 /* Formats into `size` bytes, always terminated.  Result: bytes stored, without the terminator; a text that does not fit

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <string>
 
-#include "files/cmtime.h"
 #include "tilvarcm.h"
 
 namespace {
@@ -25,8 +24,6 @@ void parse(const std::string &text) {
         cm_tm record;
         check(date % 86400 == 0 && cm_time(date, 1, &record) == 1 && cm_tm2sec(&record) == date);
     }
-    const size_t half = text.size() / 2;
-    cm::time::matches(text.substr(half).c_str(), text.substr(0, half).c_str());
 }
 
 void format(const uint8_t *data, size_t size) {

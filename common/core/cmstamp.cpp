@@ -18,40 +18,87 @@ namespace {
 
 using platform::os;
 
-// What is kept: the second, the calendar entry that answered, and the nine fields.
+// What is kept.
 struct Moment {
     int64_t seconds;
-    decltype(platform::Table::local_calendar) calendar;  // a replaced entry asks anew
+    decltype(platform::Table::local_calendar) calendar;  // the entry that answered: a replaced one is asked anew
+    char stamp[24];                                      // empty when the year has no four digits
     cm_tm local;
+    uint32_t unused;
 };
 
-constexpr size_t kWords = sizeof(Moment) / sizeof(uint32_t);
-static_assert(sizeof(Moment) % sizeof(uint32_t) == 0);
+using Word = uintptr_t;
+constexpr size_t kWords = sizeof(Moment) / sizeof(Word);
+static_assert(sizeof(Moment) % sizeof(Word) == 0 && offsetof(Moment, stamp) % sizeof(Word) == 0 &&
+              offsetof(Moment, local) % sizeof(Word) == 0);
 
 // The words are stored with release and loaded with acquire: a reader that sees a new word also sees the odd number
 // written before it.
 std::atomic<uint32_t> g_sequence{0};  // odd while somebody writes; 0: nothing kept yet
-std::atomic<uint32_t> g_words[kWords];
+std::atomic<Word> g_words[kWords];
 
-bool load_moment(Moment *out) {
-    const uint32_t before = g_sequence.load(std::memory_order_acquire);
-    if (before == 0 || (before & 1) != 0) return false;
-    uint32_t words[kWords];
-    for (size_t i = 0; i < kWords; i++) words[i] = g_words[i].load(std::memory_order_acquire);
-    if (g_sequence.load(std::memory_order_relaxed) != before) return false;
-    memcpy(out, words, sizeof *out);
-    return true;
+// Loads `kLength` bytes at an offset of the kept moment, word by word into the place where they are wanted: gathering
+// them first and copying them together would make the processor wait for its own stores.
+template <size_t kOffset, size_t kLength>
+inline void take(void *out) {
+    char *bytes = static_cast<char *>(out);
+#pragma GCC unroll 8
+    for (size_t at = 0; at < kLength; at += sizeof(Word)) {
+        const Word word = g_words[(kOffset + at) / sizeof(Word)].load(std::memory_order_acquire);
+        memcpy(bytes + at, &word, kLength - at < sizeof word ? kLength - at : sizeof word);
+    }
 }
 
-void store_moment(const Moment &moment) {
+// Whether the field at an offset could be taken whole and is of this second.
+template <size_t kOffset, size_t kLength>
+inline bool take_of(int64_t seconds, void *out) {
+    const uint32_t before = g_sequence.load(std::memory_order_acquire);
+    if (before == 0 || (before & 1) != 0) return false;
+    int64_t kept;
+    decltype(Moment::calendar) calendar;
+    take<offsetof(Moment, seconds), sizeof kept>(&kept);
+    take<offsetof(Moment, calendar), sizeof calendar>(&calendar);
+    take<kOffset, kLength>(out);
+    return g_sequence.load(std::memory_order_relaxed) == before && kept == seconds && calendar == os.local_calendar;
+}
+
+void store(const Moment &moment) {
     uint32_t before = g_sequence.load(std::memory_order_relaxed);
     if ((before & 1) != 0) return;
     if (!g_sequence.compare_exchange_strong(before, before + 1, std::memory_order_acq_rel)) return;
-    uint32_t words[kWords];
+    Word words[kWords];
     memcpy(words, &moment, sizeof moment);
     for (size_t i = 0; i < kWords; i++) g_words[i].store(words[i], std::memory_order_release);
     const uint32_t after = before + 2;
     g_sequence.store(after == 0 ? 2 : after, std::memory_order_release);
+}
+
+void write_stamp(const cm_tm &now, char *out) {
+    const uint32_t year = static_cast<uint32_t>(now.year) + 1900;
+    if (year > 9999) return;
+    const auto two = [&out](char before, int32_t number) {
+        *out++ = before;
+        out = put_two_digits(out, static_cast<uint32_t>(number) % 100);
+    };
+    two('[', static_cast<int32_t>(year / 100));
+    out = put_two_digits(out, year % 100);
+    two('-', now.mon + 1);
+    two('-', now.mday);
+    two(' ', now.hour);
+    two(':', now.min);
+    two(':', now.sec);
+    *out = ']';
+}
+
+// Asks the system.
+bool make(int64_t seconds, Moment *out) {
+    memset(out, 0, sizeof *out);
+    out->seconds = seconds;
+    out->calendar = os.local_calendar;
+    if (!out->calendar(seconds, &out->local)) return false;
+    write_stamp(out->local, out->stamp);
+    store(*out);
+    return true;
 }
 
 }  // namespace
@@ -59,17 +106,26 @@ void store_moment(const Moment &moment) {
 bool local_now(int64_t *out_seconds, cm_tm *out) {
     platform::WallTime now;
     if (!os.wall_clock(&now)) return false;
-    Moment moment;
-    if (!load_moment(&moment) || moment.seconds != now.seconds || moment.calendar != os.local_calendar) {
-        moment = Moment{};
-        moment.seconds = now.seconds;
-        moment.calendar = os.local_calendar;
-        if (!moment.calendar(now.seconds, &moment.local)) return false;
-        store_moment(moment);
+    cm_tm local;
+    if (!take_of<offsetof(Moment, local), sizeof local>(now.seconds, &local)) {
+        Moment moment;
+        if (!make(now.seconds, &moment)) return false;
+        local = moment.local;
     }
     *out_seconds = now.seconds;
-    *out = moment.local;
+    *out = local;
     return true;
+}
+
+size_t stamp(char out[kStampLength]) {
+    platform::WallTime now;
+    if (!os.wall_clock(&now)) return 0;
+    if (!take_of<offsetof(Moment, stamp), kStampLength>(now.seconds, out)) {
+        Moment moment;
+        if (!make(now.seconds, &moment)) return 0;
+        memcpy(out, moment.stamp, kStampLength);
+    }
+    return out[0] == '\0' ? 0 : kStampLength;
 }
 
 bool gmt_calendar(int64_t seconds, cm_tm *out) {
@@ -105,29 +161,6 @@ char *put_two_digits(char *out, uint32_t number) {
         "5051525354555657585960616263646566676869707172737475767778798081828384858687888990919293949596979899";
     memcpy(out, kPairs + number * 2, 2);
     return out + 2;
-}
-
-size_t stamp(char out[kStampLength]) {
-    int64_t seconds;
-    cm_tm now;
-    if (!local_now(&seconds, &now)) return 0;
-    const uint32_t year = static_cast<uint32_t>(now.year) + 1900;
-    if (year > 9999) return 0;
-    const auto two = [](char *at, int32_t number) { return put_two_digits(at, static_cast<uint32_t>(number) % 100); };
-    *out++ = '[';
-    out = put_two_digits(put_two_digits(out, year / 100), year % 100);
-    *out++ = '-';
-    out = two(out, now.mon + 1);
-    *out++ = '-';
-    out = two(out, now.mday);
-    *out++ = ' ';
-    out = two(out, now.hour);
-    *out++ = ':';
-    out = two(out, now.min);
-    *out++ = ':';
-    out = two(out, now.sec);
-    *out = ']';
-    return kStampLength;
 }
 
 }  // namespace cm::time

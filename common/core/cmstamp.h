@@ -19,7 +19,7 @@ bool gmt_calendar(int64_t seconds, cm_tm *out);
 char *put_two_digits(char *out, uint32_t number);
 
 // Writes "[2002-07-04 09:05:00]" of the current local time, without a terminator: kStampLength bytes.  0: the clock
-// cannot be read, nothing is written.
+// cannot be read, and what is in `out` means nothing.
 constexpr size_t kStampLength = 21;
 size_t stamp(char out[kStampLength]);
 

@@ -26,7 +26,7 @@ using platform::os;
 constexpr int kPoolSizeInMessage = 48;  // part of the text
 constexpr int32_t kJobs = 500;
 constexpr int32_t kSpareWorkers = 3;  // with fewer idle ones than that another worker is started
-constexpr int32_t kRow = 4;           // jobs in one go after which more are expected at once
+constexpr int32_t kRow = 2;           // jobs in one go after which more are expected at once
 constexpr int32_t kLastJobNumber = 999999;
 constexpr int64_t kSubmitterGraceMs = 2000;
 constexpr const char *kIdleLabel = "IDLE-Worker";

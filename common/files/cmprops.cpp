@@ -14,21 +14,6 @@
 
 namespace cm::props {
 
-std::string_view trim_end(std::string_view text) {
-    while (!text.empty() && is_space(text.back())) text.remove_suffix(1);
-    return text;
-}
-
-Line classify(std::string_view line) {
-    size_t indent = 0;
-    while (indent < line.size() && is_space(line[indent])) indent++;
-    line.remove_prefix(indent);
-    if (line.empty()) return {LineKind::kBlank, line, indent};
-    if (line.front() == '#') return {LineKind::kComment, line, indent};
-    if (line.front() == '[') return {LineKind::kHead, line, indent};
-    return {LineKind::kEntry, line, indent};
-}
-
 bool section_name(std::string_view head, std::string_view *out_name) {
     head.remove_prefix(1);
     const size_t length = head.find(']');
@@ -37,20 +22,33 @@ bool section_name(std::string_view head, std::string_view *out_name) {
     return true;
 }
 
+namespace {
+
+// The first "=" outside double quotes; npos when there is none.
+size_t find_separator(std::string_view text) {
+    const size_t first = text.find('=');
+    if (first == std::string_view::npos || memchr(text.data(), '"', first) == nullptr) return first;
+    bool quoted = false;
+    for (size_t i = 0; i < text.size(); i++) {
+        if (text[i] == '"') quoted = !quoted;
+        if (text[i] == '=' && !quoted) return i;
+    }
+    return std::string_view::npos;
+}
+
+}  // namespace
+
 bool split_entry(const Line &entry, std::string_view *out_name, std::string_view *out_value) {
     // Kept: on an indented line the last bytes, as many as the indentation, are not searched for the "=".  Files that
     // load today must go on to load, and those that fail to fail.
-    const std::string_view text = entry.text;
+    std::string_view text = entry.text;
     const size_t searched = text.size() > entry.indent ? text.size() - entry.indent : 0;
-    bool quoted = false;
-    for (size_t i = 0; i < searched; i++) {
-        if (text[i] == '"') quoted = !quoted;
-        if (text[i] != '=' || quoted) continue;
-        *out_name = trim_end({text.data(), i});
-        *out_value = trim_end(classify({text.data() + i + 1, text.size() - i - 1}).text);
-        return !out_name->empty();
-    }
-    return false;
+    const size_t separator = find_separator({text.data(), searched});
+    if (separator == std::string_view::npos) return false;
+    *out_name = trim_end({text.data(), separator});
+    text.remove_prefix(separator + 1);
+    *out_value = trim_end(classify(text).text);
+    return !out_name->empty();
 }
 
 bool is_readable(std::string_view line) {
@@ -109,6 +107,26 @@ Next next_in_section(cm_file *file, LineBuffer &buffer, Line *out) {
     }
 }
 
+struct Entry {
+    std::string_view name, value;  // in the buffer of the line, a byte behind each of them is free for a terminator
+};
+
+Next next_entry(cm_file *file, LineBuffer &buffer, Entry *out) {
+    Line line;
+    const Next next = next_in_section(file, buffer, &line);
+    if (next != Next::kLine) return next;
+    const char *wrong = nullptr;
+    if (!split_entry(line, &out->name, &out->value))
+        wrong = "cm_next_entry(): There was no entry found in the section.";
+    else if (out->name.size() > kMaxName)
+        wrong = "cm_next_entry(): The name arguemnt is > 256 bytes.";
+    else if (out->value.size() > kMaxValue)
+        wrong = "cm_next_entry(): The value arguemnt is > 1024 bytes.";
+    if (wrong == nullptr) return Next::kLine;
+    report(nullptr, CM_ERROR, "%s", wrong);
+    return Next::kFailure;
+}
+
 int16_t end_of_section(Next next, int32_t *found) {
     if (next == Next::kFailure) return 0;
     *found = 0;
@@ -143,12 +161,19 @@ struct Loader {
     }
 
     int16_t load_section() const {
-        char name[kMaxName + 1], value[kMaxValue + 1];
+        LineBuffer buffer;
+        const auto terminated = [&buffer](std::string_view text) {
+            char *const begin = buffer + (text.data() - buffer);
+            begin[text.size()] = '\0';
+            return begin;
+        };
         for (;;) {
-            int32_t found;
-            if (cm_next_entry(file, name, value, &found) == 0) return malformed();
-            if (found == 0) return 1;
-            if (callback(ctx, user, name, value) == 1) continue;
+            Entry entry;
+            const Next next = next_entry(file, buffer, &entry);
+            if (next == Next::kFailure) return malformed();
+            if (next == Next::kEnd) return 1;
+            const char *const name = terminated(entry.name);
+            if (callback(ctx, user, name, terminated(entry.value)) == 1) continue;
             report(ctx, CM_ERROR, "cm_props_load(%s): Error processing '%s' file (line %ld)", name, file->name,
                    static_cast<long>(file->lines));
             return 0;
@@ -196,23 +221,11 @@ CM_API int16_t CM_CALL cm_next_entry(cm_file *file_handle, char *name, char *val
     *found = -1;
     if (file_handle == nullptr) return 0;
     LineBuffer buffer;
-    Line line;
-    const Next next = next_in_section(file_handle, buffer, &line);
+    Entry entry;
+    const Next next = next_entry(file_handle, buffer, &entry);
     if (next != Next::kLine) return end_of_section(next, found);
-    std::string_view left, right;
-    const char *wrong = nullptr;
-    if (!split_entry(line, &left, &right))
-        wrong = "cm_next_entry(): There was no entry found in the section.";
-    else if (left.size() > kMaxName)
-        wrong = "cm_next_entry(): The name arguemnt is > 256 bytes.";
-    else if (right.size() > kMaxValue)
-        wrong = "cm_next_entry(): The value arguemnt is > 1024 bytes.";
-    if (wrong != nullptr) {
-        cm::report(nullptr, CM_ERROR, "%s", wrong);
-        return 0;
-    }
-    hand_out(left, name);
-    hand_out(right, value);
+    hand_out(entry.name, name);
+    hand_out(entry.value, value);
     *found = 1;
     return 1;
 }

@@ -5,6 +5,8 @@
 
 #include <string_view>
 
+#include "core/cmstring.h"
+
 namespace cm::props {
 
 // In bytes, terminators not counted.
@@ -20,8 +22,19 @@ struct Line {
     size_t indent;          // white space before it
 };
 
-Line classify(std::string_view line);
-std::string_view trim_end(std::string_view text);
+inline Line classify(std::string_view line) {
+    size_t indent = 0;
+    while (indent < line.size() && is_space(line[indent])) indent++;
+    line.remove_prefix(indent);
+    if (line.empty()) return {LineKind::kBlank, line, indent};
+    if (line.front() == '#') return {LineKind::kComment, line, indent};
+    return {line.front() == '[' ? LineKind::kHead : LineKind::kEntry, line, indent};
+}
+
+inline std::string_view trim_end(std::string_view text) {
+    while (!text.empty() && is_space(text.back())) text.remove_suffix(1);
+    return text;
+}
 
 // The name between the "[" that a head's text begins with and its first "]".  False when there is none.
 bool section_name(std::string_view head, std::string_view *out_name);

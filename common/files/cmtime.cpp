@@ -2,8 +2,6 @@
 //
 // Everything is 64 bits wide inside; seconds leave as uint32_t, and all ones means that the clock cannot be read.  GMT
 // calendars are computed here, local ones come from the platform.  No format and no parser depends on the locale.
-#include "files/cmtime.h"
-
 #include <string.h>
 
 #include "core/cmstamp.h"
@@ -33,6 +31,11 @@ public:
     DateText &number(int64_t value, int digits) {
         if (digits == 2 && value >= 0 && value < 100) {
             end_ = put_two_digits(end_, static_cast<uint32_t>(value));
+            return *this;
+        }
+        if (value >= 1000 && value < 10000) {
+            const uint32_t year = static_cast<uint32_t>(value);
+            end_ = put_two_digits(put_two_digits(end_, year / 100), year % 100);
             return *this;
         }
         uint64_t rest = value < 0 ? uint64_t{0} - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
@@ -215,18 +218,47 @@ uint32_t to_seconds(const Fields &date) {
     return cm_tm2sec(&record);
 }
 
+// A pattern of a date: "#" is a digit, "~" a digit or a blank, "@" a capital, "$" a small letter, "*" the rest of the
+// text whatever it is; every other byte stands for itself, and the end of the pattern for the end of the text. Patterns
+// are known to the compiler, which turns each of them into plain comparisons.
+template <size_t kSize>
+struct Pattern {
+    constexpr Pattern(const char (&text)[kSize]) {
+        for (size_t i = 0; i < kSize; i++) bytes[i] = text[i];
+    }
+    static constexpr size_t size = kSize;  // with the terminator
+    char bytes[kSize] = {};
+};
+
+template <char kWanted>
+constexpr bool matches_one(char c) {
+    if constexpr (kWanted == '#') return is_digit(c);
+    if constexpr (kWanted == '~') return is_digit(c) || c == ' ';
+    if constexpr (kWanted == '@') return is_upper(c);
+    if constexpr (kWanted == '$') return is_lower(c);
+    return kWanted == '*' || c == kWanted;
+}
+
+template <Pattern kPattern, size_t kAt = 0>
+bool matches(const char *text) {
+    if constexpr (kAt == kPattern.size || kPattern.bytes[kAt] == '*')
+        return true;
+    else
+        return matches_one<kPattern.bytes[kAt]>(text[kAt]) && matches<kPattern, kAt + 1>(text);
+}
+
 // The date forms of HTTP, in the order in which they are tried, and where their fields begin.
 struct DateForm {
-    const char *pattern;
+    bool (*matches)(const char *text);
     int8_t day, day_digits, month, year, year_digits, clock;
 };
 
 constexpr DateForm kDateForms[] = {
-    {"## @$$ #### ##:##:##*", 0, 2, 3, 7, 4, 12},  // RFC 1123
-    {"# @$$ #### ##:##:##*", 0, 1, 2, 6, 4, 11},   // the same, day of one digit
-    {"##-@$$-## ##:##:##*", 0, 2, 3, 7, 2, 10},    // RFC 850
-    {"#-@$$-## ##:##:##*", 0, 1, 2, 6, 2, 9},      // the same, day of one digit
-    {"@$$ ~# ##:##:## ####*", 4, 2, 0, 16, 4, 7},  // asctime
+    {matches<"## @$$ #### ##:##:##*">, 0, 2, 3, 7, 4, 12},  // RFC 1123
+    {matches<"# @$$ #### ##:##:##*">, 0, 1, 2, 6, 4, 11},   // the same, day of one digit
+    {matches<"##-@$$-## ##:##:##*">, 0, 2, 3, 7, 2, 10},    // RFC 850
+    {matches<"#-@$$-## ##:##:##*">, 0, 1, 2, 6, 2, 9},      // the same, day of one digit
+    {matches<"@$$ ~# ##:##:## ####*">, 4, 2, 0, 16, 4, 7},  // asctime
 };
 
 uint32_t read_date(const char *text, const DateForm &form) {
@@ -258,35 +290,7 @@ int32_t take_number(const char **text) {
     return number;
 }
 
-bool matches_one(char c, char pattern) {
-    switch (pattern) {
-        case '#':
-            return is_digit(c);
-        case '~':
-            return is_digit(c) || c == ' ';
-        case '@':
-            return is_upper(c);
-        case '$':
-            return is_lower(c);
-        case '&':
-            return is_digit(c) || (fold(c) >= 'a' && fold(c) <= 'f');
-        default:
-            return c == pattern;
-    }
-}
-
 }  // namespace
-
-bool matches(const char *text, const char *pattern) {
-    constexpr int kMaxPositions = 256;
-    for (int i = 0; i < kMaxPositions; i++) {
-        if (pattern[i] == '*') return true;
-        if (pattern[i] == '\0') return text[i] == '\0';
-        if (text[i] == '\0' || !matches_one(text[i], pattern[i])) return false;
-    }
-    return false;
-}
-
 }  // namespace cm::time
 
 using namespace cm::time;
@@ -407,19 +411,18 @@ CM_API uint32_t CM_CALL cm_parsedatetime(const char *text) {
         while (*text == ' ') text++;
     }
     for (const DateForm &form : kDateForms)
-        if (matches(text, form.pattern)) return read_date(text, form);
+        if (form.matches(text)) return read_date(text, form);
     return 0;
 }
 
 CM_API uint32_t CM_CALL cm_parsedate(const char *text) {
-    static constexpr const char *kYearFirst[] = {"####/##/##", "####/#/##", "####/##/#", "####/#/#"};
-    static constexpr const char *kYearLast[] = {"##/##/####", "#/##/####", "##/#/####", "#/#/####"};
     if (text == nullptr) return 0;
     text = skip_space(text);
-    bool year_first = false, matched = false;
-    for (const char *pattern : kYearFirst) matched = year_first = year_first || matches(text, pattern);
-    for (const char *pattern : kYearLast) matched = matched || matches(text, pattern);
-    if (!matched) return 0;
+    const bool year_first = matches<"####/##/##">(text) || matches<"####/#/##">(text) || matches<"####/##/#">(text) ||
+                            matches<"####/#/#">(text);
+    const bool year_last = matches<"##/##/####">(text) || matches<"#/##/####">(text) || matches<"##/#/####">(text) ||
+                           matches<"#/#/####">(text);
+    if (!year_first && !year_last) return 0;
     const int32_t first = take_number(&text), second = take_number(&text), third = take_number(&text);
     const int32_t year = year_first ? first : third, month = year_first ? second : first;
     const int32_t day = year_first ? third : second;

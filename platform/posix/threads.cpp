@@ -13,11 +13,13 @@
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/auxv.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <new>
 
 #include "posix.h"
@@ -58,13 +60,19 @@ struct CodeRange {
     uintptr_t first, end;
     bool holds(uintptr_t address) const { return address >= first && address < end; }
 };
-CodeRange guarded_code[2];  // of the C library and of the allocator that stands in for its own
+// Of the C library, the allocator that may stand in for its own, the loader, and the kernel's part that reads the
+// clock.
+CodeRange guarded_code[4];
 
-void find_code(const char *function, CodeRange *out) {
+uintptr_t address_of(const char *function) {
+    return reinterpret_cast<uintptr_t>(dlsym(RTLD_DEFAULT, function));
+}
+
+void find_code(uintptr_t address, CodeRange *out) {
     struct Search {
         uintptr_t address;
         CodeRange *out;
-    } search = {reinterpret_cast<uintptr_t>(dlsym(RTLD_DEFAULT, function)), out};
+    } search = {address, out};
     dl_iterate_phdr(
         [](dl_phdr_info *object, size_t, void *argument) {
             const Search *wanted = static_cast<Search *>(argument);
@@ -81,16 +89,20 @@ void find_code(const char *function, CodeRange *out) {
         &search);
 }
 
-// Whether the interrupted code may hold a lock of the C library.  A system call that was broken off does not count:
-// those that the library makes with a lock held cannot be.
+// Whether the interrupted code may hold a lock that is not ours.  It does not when a system call was broken off: those
+// that are made with a lock held cannot be, but for the one that sleeps on a word, which waits for a second lock.
 bool in_guarded_code(const void *context) {
 #if defined(__x86_64__)
     const auto &registers = static_cast<const ucontext_t *>(context)->uc_mcontext.gregs;
     const uintptr_t next = static_cast<uintptr_t>(registers[REG_RIP]);
-    if (!guarded_code[0].holds(next) && !guarded_code[1].holds(next)) return false;
+    if (std::none_of(std::begin(guarded_code), std::end(guarded_code), [&](auto &code) { return code.holds(next); }))
+        return false;
     const unsigned char *code = reinterpret_cast<const unsigned char *>(next);
-    const bool after_system_call = code[-2] == 0x0F && code[-1] == 0x05;
-    return !(after_system_call && registers[REG_RAX] == -EINTR);
+    const bool broken_off = code[-2] == 0x0F && code[-1] == 0x05 && registers[REG_RAX] == -EINTR;
+    // The call's number is gone by now, its arguments are not: an address, and an operation.
+    const auto operation = registers[REG_RSI] & ~static_cast<greg_t>(FUTEX_CLOCK_REALTIME);
+    const bool sleeps_on_word = operation == FUTEX_WAIT_PRIVATE || operation == FUTEX_WAIT_BITSET_PRIVATE;
+    return !broken_off || sleeps_on_word;
 #else
     return context == nullptr;
 #endif
@@ -106,8 +118,10 @@ void on_signal(int, siginfo_t *, void *context) {
 
 // Takes the first signal that the host does not use.  SIGURG is ignored by default, so a stray one harms nobody.
 void take_signal() {
-    find_code("gnu_get_libc_version", &guarded_code[0]);
-    find_code("malloc", &guarded_code[1]);
+    find_code(address_of("gnu_get_libc_version"), &guarded_code[0]);
+    find_code(address_of("malloc"), &guarded_code[1]);
+    find_code(address_of("__tls_get_addr"), &guarded_code[2]);
+    find_code(getauxval(AT_SYSINFO_EHDR), &guarded_code[3]);
     struct sigaction ours = {};
     ours.sa_sigaction = on_signal;
     ours.sa_flags = SA_SIGINFO;  // not SA_RESTART: system calls shall be broken off

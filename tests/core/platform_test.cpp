@@ -1,6 +1,8 @@
 #include "platform/platform.h"
 
 #include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
@@ -599,6 +601,35 @@ TEST_F(EndOfThreads, ParkWaitsForTheLastLibraryLock) {
     os.lock_release(stubborn[1]->lock);
     EXPECT_FALSE(stubborn[1]->still_runs());
     os.thread_release(stubborn[1]->thread);
+}
+
+// A host's function that goes in and out of the C library; first it hands out a block of its own part of the heap.
+void churn(void *argument) {
+    static_cast<std::atomic<void *> *>(argument)->store(malloc(3000));
+    std::atomic<int> own_work{0};
+    std::atomic<void *> seen{nullptr};  // keeps the compiler from leaving the allocations out
+    for (;;) {
+        for (size_t size = 2000; size < 42000; size += 1000) {
+            seen = malloc(size);
+            free(seen);
+        }
+        for (int i = 0; i < 5000; i++) own_work++;
+    }
+}
+
+// A thread is not stopped where it may hold a lock of the allocator.
+TEST_F(EndOfThreads, ParkingAmidAllocationsHarmsNobody) {
+    int parked = 0;
+    for (int i = 0; i < 12; i++) {
+        Thread *thread = nullptr;
+        std::atomic<void *> block{nullptr};
+        ASSERT_EQ(os.thread_start(churn, &block, &thread), 0);
+        while (block == nullptr) os.sleep(1);
+        parked += os.thread_park(thread);
+        os.thread_release(thread);
+        free(block);  // for ever, when the thread stands with its heap locked
+    }
+    EXPECT_GT(parked, 0);
 }
 
 TEST_F(EndOfThreads, ParkEndsAThreadThatOnlyWaits) {
