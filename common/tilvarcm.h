@@ -1235,9 +1235,38 @@ CM_API int16_t CM_CALL cm_net_putfile(cm_net_state *state, cm_conn *conn, const 
 CM_API int16_t CM_CALL cm_net_enddata(cm_net_state *state, cm_conn *conn);
 CM_API int16_t CM_CALL cm_net_fopen(cm_net_state *state, const char *path, cm_conn **out_conn);
 
+/* ---------- datagrams ----------
+ * UDP.  A failed send leaves "UDP sendto ADDRESS:PORT failed" in the log and marks the handle CM_CONN_CLOSED, and so does
+ * a receive that fails or runs out of time; a UDP listener is never marked, whatever happens to one of its datagrams.
+ *
+ * cm_net_sendto sends from a UDP listener or another datagram handle.  cm_net_dnssendto has a handle of its own:
+ *   io_conn  in: null or a closed handle makes a new one, on a port that the system chooses; out: the handle that receives
+ *            the answers of this address and port.  Its owner closes it, after a failure too. */
+CM_API int16_t CM_CALL cm_net_sendto(cm_net_state *state, cm_conn *conn, uint32_t address, int32_t port, const void *data, int32_t length);
+CM_API int16_t CM_CALL cm_net_dnssendto(cm_net_state *state, uint32_t address, int32_t port, const void *data, int32_t length, cm_conn **io_conn);
+
+/* The next datagram within `timeout` seconds (0: only what is there).  cm_net_recv takes those of the peer that the handle
+ * was last sent to and drops all others, as well as those longer than `size`; cm_net_recvfrom takes anybody's, says whose,
+ * and fails when one is too long. */
+CM_API int16_t CM_CALL cm_net_recv(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int32_t timeout, int32_t *out_count);
+CM_API int16_t CM_CALL cm_net_recvfrom(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int32_t timeout, int32_t *out_count, uint32_t *out_address, int32_t *out_port);
+
 /* ---------- resolver ----------
  * Host names and IPv4 addresses.  cm_ctx_init and cm_ctx_exit call cm_dns_init, cm_dns_optimize (once the settings are
- * read: server addresses, and the hosts files, which are made when they are missing) and cm_dns_exit. */
+ * read: server addresses, and the hosts files, which are made when they are missing) and cm_dns_exit.
+ *
+ * A look-up asks, in this order, the address cache ("Cache DNS Interval"), the hosts files, the hook, and then either the
+ * configured server, for which the network must be started, or the system.
+ *
+ * Both files are in the configuration folder and read anew for every look-up.  Lines that begin with "#" are remarks;
+ * an empty line hides the rest of the file.
+ *   hosts    ADDRESS NAME [NAME ...]         the first match counts; with "DNS Wildcards" names may hold "*" and "?"
+ *   mxhosts  DOMAIN PREFERENCE EXCHANGER     the same, several lines for several exchangers
+ *
+ * The configured server is asked up to twice, each time with six tries of 1, 1, 4, 4, T and T seconds (T is "DNS
+ * Timeout"), the odd ones to the primary server and the even ones to the alternate, which no key sets.  A server that is
+ * dead thus costs 2 * (5 + T) seconds: do not look names up on a thread that others wait for.  Only "DNS Secondary" is
+ * asked when both are set. */
 
 /* Asked for names that the hosts file does not have.  Result: 1 with the address, 0 to go on looking. */
 typedef int16_t (CM_CALL *cm_dns_hook)(cm_context *ctx, cm_value argument, const char *name, uint32_t *out_address);
@@ -1258,6 +1287,8 @@ struct cm_dns_state {
     cm_mutex   *mutex;
     cm_dns_hook hook;            /* the host's, set before threads look names up */
     cm_value    hook_argument;
+    /* hidden */
+    void       *records;         /* what the buckets point into, under mutex */
 };
 #define CM_DNS_WILDCARDS 0x1
 #define CM_DNS_BUFFER    512
@@ -1269,13 +1300,35 @@ CM_API int16_t CM_CALL cm_dns_exit(cm_context *ctx);
 
 /* Up to four addresses of a name; those that there are not become CM_INADDR_NONE.
  *   name          a name of digits and dots alone fails at once, unless it ends in a dot: parse addresses yourself
- *   local_only    not 0: ask no server
+ *   local_only    not 0: ask neither server nor system
  *   own_resolver  not 0: ask the configured server instead of the system
+ *   out_address   each may be null; the cache keeps three
  * Result: 1 when there is one at least. */
 CM_API int16_t CM_CALL cm_dns_gethostaddr(cm_context *ctx, const char *name, int16_t local_only, int16_t own_resolver, uint32_t *out_address1, uint32_t *out_address2, uint32_t *out_address3, uint32_t *out_address4);
 
-/* The name of an address, into CM_DNS_NAME bytes; a name from the system is cut to 60 characters. */
+/* The name of an address, into CM_DNS_NAME bytes, "" without one.  A name from the system is cut to 60 characters; a name
+ * with anything but letters, digits, "-", "_" and "." in it is none.  The configured server is asked for the address with
+ * its bytes in the order of the text ("1.2.3.4.in-addr.arpa" for 1.2.3.4): only a server that knows this answers rightly. */
 CM_API int16_t CM_CALL cm_dns_gethostname(cm_context *ctx, uint32_t address, int16_t local_only, int16_t own_resolver, char *out_name);
+
+/* The mail exchangers of a domain, best first, each into CM_DNS_NAME bytes or null; "" where there is none.  Asks mxhosts
+ * and the configured server, never the system. */
+CM_API int16_t CM_CALL cm_dns_gethostmx(cm_context *ctx, const char *domain, int16_t local_only, char *out_best, char *out_second, char *out_third, char *out_fourth);
+
+/* For a name server: the three answers to a request, which cm_net_accept or the accept loop took from `listener`.  The
+ * request is the message at the start of the handle's input buffer; a reply goes to its sender through a UDP listener,
+ * else over the request's connection.  A server tries cm_dns_localrecord, then cm_dns_forward, then cm_dns_failure.
+ *   cm_dns_localrecord  answers A, PTR and MX questions from the hosts files, whose changes it sees within a second, with
+ *                       "DNS TTL"; AAAA questions of names that it has are answered with no address
+ *   cm_dns_forward      asks the configured server, with one round of six tries, and hands on what it says, whatever it is
+ *   cm_dns_failure      sends 12 bytes: the request's identifier, and "name error" or, without name_error, "server
+ *                       failure".  Kept: they lack the response bit.  Requests that may be such replies themselves (12
+ *                       bytes, or with the response bit) are answered ten times a second at most
+ * Replies of the first two have their length before them on a stream.  Result: 1 when a reply was sent; 0: nothing was,
+ * the name is not local, no server answered, or the request is not one question. */
+CM_API int16_t CM_CALL cm_dns_failure(cm_context *ctx, cm_net_state *net, cm_conn *listener, cm_conn *request, int16_t name_error);
+CM_API int16_t CM_CALL cm_dns_forward(cm_context *ctx, cm_net_state *net, cm_conn *listener, cm_conn *request);
+CM_API int16_t CM_CALL cm_dns_localrecord(cm_context *ctx, cm_net_state *net, cm_conn *listener, cm_conn *request);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,61 @@
+// The resolver inside the library.
+//
+//   cmdns.cpp           settings, look-ups and the order of their sources
+//   cmdns_hosts.cpp     the hosts file and the mail-exchanger file
+//   cmdns_exchange.cpp  asking a server
+//   cmdns_server.cpp    replies of the library's own server, and its records
+//   dns_message.cpp     messages
+#pragma once
+
+#include <string_view>
+
+#include "net/dns_message.h"
+#include "tilvarcm.h"
+
+namespace cm::dns {
+
+// ---- files ----------------------------------------------------------------------------------------------------------
+
+// Takes a line's fields; false ends the reading.
+struct HostsVisitor {
+    // One name of a line "address name name ...".
+    bool (*host)(void *self, uint32_t address, std::string_view name);
+    // A line "domain preference exchanger".
+    bool (*exchanger)(void *self, std::string_view domain, uint16_t preference, std::string_view name);
+    void *self;
+};
+
+// Reads an open file line by line: blanks lead nowhere, "#" begins a comment line, an empty line ends it all.
+void read_hosts(cm_file *file, const HostsVisitor &visitor);
+
+// Reads the file of that path, when there is one.
+void read_hosts(cm_context *ctx, const char *path, const HostsVisitor &visitor);
+
+// Whether the name of a file's line is the name that is looked for.
+bool names_match(const cm_dns_state *state, std::string_view of_line, std::string_view name);
+
+bool hosts_address(cm_context *ctx, std::string_view name, uint32_t *out_address);
+bool hosts_name(cm_context *ctx, uint32_t address, char *out_name);
+bool hosts_exchangers(cm_context *ctx, std::string_view domain, Answer *out);
+
+// ---- asking a server ------------------------------------------------------------------------------------------------
+
+// The port of name servers; tests run theirs elsewhere.
+extern int32_t server_port;
+
+uint16_t random_id();
+
+// One exchange with the configured servers: the first message that answers the query, into `buffer`.  Gives its length,
+// 0 when there was none within the six tries.
+size_t exchange(const cm_dns_state *state, cm_net_state *net, const Message &query, size_t question_end,
+                uint8_t *buffer, size_t size);
+
+// Up to two exchanges; true with what the answer holds.
+bool ask(cm_context *ctx, std::string_view name, uint16_t type, Answer *out);
+
+// ---- own server -----------------------------------------------------------------------------------------------------
+
+// Gives up the record table.
+void forget_records(cm_dns_state *state);
+
+}  // namespace cm::dns
