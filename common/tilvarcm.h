@@ -1228,11 +1228,38 @@ CM_API int16_t CM_CALL cm_net_isalive(cm_net_state *state, cm_conn *conn);
 #define CM_TAG_END2    12
 #define CM_TAG_END3    14
 
-CM_API int16_t CM_CALL cm_net_getarg(cm_net_state *state, cm_conn *conn, char delimiter, int16_t truncate, char *out_text, int32_t maximum, int32_t *out_length); /* out_text: maximum + 1 bytes; delimiter 0 = none */
+/* Reading through the connection's input buffer.  When the peer closes in the middle, what came until then is given with
+ * 1 and the handle is CM_CONN_CLOSED from then on.  Every function of this section fails at once on a closed handle, with
+ * what is still buffered.
+ *
+ * cm_net_getarg takes the next token.  It ends at the delimiter or the line end (LF), both consumed and neither told
+ * apart; CR is dropped wherever it stands.
+ *   delimiter   0: only the line end
+ *   truncate    1: a longer token is cut and read to its end, 0: it fails
+ *   out_text    maximum + 1 bytes; terminated also on failure
+ *   out_length  without the terminator
+ * cm_net_read takes bytes: what is buffered, and when nothing is, what one receive of up to 4096 bytes brings; with
+ * `fill` it goes on until `size` bytes are there. */
+CM_API int16_t CM_CALL cm_net_getarg(cm_net_state *state, cm_conn *conn, char delimiter, int16_t truncate, char *out_text, int32_t maximum, int32_t *out_length);
 CM_API int16_t CM_CALL cm_net_read(cm_net_state *state, cm_conn *conn, int16_t fill, void *buffer, int32_t size, int32_t *out_count);
+
+/* Writing through the connection's output buffer of 16000 bytes.  Two flags of the handle encode what is written, as HTTP
+ * has it: CM_CONN_CHUNKED (each send is a chunk) and CM_CONN_GZIP (RFC 1952).  Set them between the header of a reply,
+ * put with final_piece so that it has left, and its body.  A failed send closes the handle and drops what was buffered;
+ * so does a failure of the compressor.
+ *
+ * cm_net_putdata appends bytes, and sends them when the buffer is full, or at once with final_piece (which a compressed
+ * body ignores) or over 15990 bytes.
+ * cm_net_putfile puts a file, or the bytes `first` to `last` of it, and sends what is buffered.  What is not there is not
+ * an error.  Large plain files do not pass through memory.
+ *   last      0: to the end of the file (so the first byte alone cannot be asked for); before `first`: nothing
+ *   by_cache  opens with cm_fopenc instead of cm_fopen
+ * cm_net_enddata sends what is buffered, ends the compressed stream and the chunks, and clears both flags. */
 CM_API int16_t CM_CALL cm_net_putdata(cm_net_state *state, cm_conn *conn, const void *data, int32_t length, int16_t final_piece);
-CM_API int16_t CM_CALL cm_net_putfile(cm_net_state *state, cm_conn *conn, const char *path, int32_t first, int32_t last, int16_t by_cache); /* by_cache set: cm_fopenc */
+CM_API int16_t CM_CALL cm_net_putfile(cm_net_state *state, cm_conn *conn, const char *path, int32_t first, int32_t last, int16_t by_cache);
 CM_API int16_t CM_CALL cm_net_enddata(cm_net_state *state, cm_conn *conn);
+
+/* A handle whose sends are written to a file, created afresh; reading fails.  It counts as an open connection. */
 CM_API int16_t CM_CALL cm_net_fopen(cm_net_state *state, const char *path, cm_conn **out_conn);
 
 /* ---------- datagrams ----------

@@ -9,6 +9,7 @@
 #include "core/cmerror.h"
 #include "core/cmthread.h"
 #include "net/cmnet.h"
+#include "net/cmnetbody.h"
 #include "net/dialup_hook.h"
 #include "net/transport.h"
 
@@ -153,6 +154,7 @@ void drain(cm_net_state *state, cm_socket socket) {
 // Ends everything that the handle holds.  No call is inside it.
 void dismantle(cm_net_state *state, cm_conn *conn, cm_socket socket, bool drain_first) {
     if (has_flag(conn, CM_CONN_DIALED) && dialup != nullptr) dialup->hang_up(state->ctx);
+    release_body(conn);
     if (has_flag(conn, CM_CONN_TLS)) {
         clear_bits_relaxed(conn->flags, uint32_t{CM_CONN_TLS});
         if (conn->ssl != nullptr && transport != nullptr) transport->close(state, conn);
