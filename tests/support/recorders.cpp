@@ -166,8 +166,9 @@ StandardErrorCapture::StandardErrorCapture() : saved_(os) {
     };
 }
 
+// This entry alone: a start that was captured leaves the scheduler's thread behind, which reads others.
 StandardErrorCapture::~StandardErrorCapture() {
-    os = saved_;
+    os.write_standard_error = saved_.write_standard_error;
 }
 
 std::string StandardErrorCapture::text() const {
