@@ -1184,7 +1184,8 @@ CM_API int16_t CM_CALL cm_net_accept(cm_net_state *state, cm_conn *listener, uin
 
 /* The accept loop: runs on the caller's thread until the network or the context stops, and starts and stops the thread
  * pool whose workers serve the connections; where the pool cannot start, each connection gets a thread.  `entries` (1 to
- * 31, else 0) are kept, not copied.  A context has one loop in its life, since the end of the pool stops the context.
+ * 31, else 0) are kept, not copied: they stay where they are until cm_net_exit, as handlers may still run until then.  A
+ * context has one loop in its life, since the end of the pool stops the context.
  * Reverse look-up and TLS handshake run on the worker, before the handler; the worker closes the connection after it.
  *
  * cm_net_polladd copies another entry into the running loop: 1, also when its listener is there already; 0 without a

@@ -9,21 +9,15 @@
 #include "core/cmmemory.h"
 #include "core/cmthread.h"
 #include "core/cmtpool.h"
-#include "core/schedule_hook.h"
 #include "net/address.h"
 #include "net/cmnet.h"
+#include "net/ntp_hook.h"
 #include "net/transport.h"
-
-namespace cm {
-
-const Scheduler *scheduler = nullptr;
-cm_task_fn ntp_task = nullptr;
-
-}  // namespace cm
 
 namespace cm::net {
 
 const Transport *transport = nullptr;
+cm_task_fn ntp_task = nullptr;
 
 namespace {
 
@@ -40,6 +34,7 @@ constexpr char kAddressTask[] = "Dynamic IP Lookup";
 // Kept as it is registered, though no clock ever reaches the sixtieth minute.
 constexpr char kAddressTaskPeriod[] = "1-60/5 * * * *";
 constexpr char kTimeTask[] = "NTP Synchronization";
+constexpr int32_t kTaskOfLibrary = 101;  // origin of tasks that no configuration file names
 
 constexpr int32_t kCancelMs = 1000, kCancelledMs = 500;
 constexpr int32_t kStopTries = 4, kStopPauseMs = 100;
@@ -170,8 +165,7 @@ public:
     ~Start() {
         if (finished_) return;
         if (started() == state_) publish(nullptr);
-        if (time_task_) scheduler->remove_task(ctx_, kTimeTask);
-        if (address_task_) scheduler->remove_task(ctx_, kAddressTask);
+        if (address_task_) cm_cron_remove(ctx_, kAddressTask);
         if (state_ != nullptr) leave_state(state_);
         if (network_) os.network_stop();
     }
@@ -198,9 +192,8 @@ public:
     }
     bool register_address_task() {
         find_address(state_, name_);
-        if (!context_flag(ctx_, CTX_DYNAMIC_IP_TEST) || scheduler == nullptr) return true;
-        address_task_ =
-            scheduler->add_task(ctx_, kAddressTask, address_task, 0, kTaskOfLibrary, 0, kAddressTaskPeriod) != 0;
+        if (!context_flag(ctx_, CTX_DYNAMIC_IP_TEST)) return true;
+        address_task_ = cm_cron_task(ctx_, kAddressTask, address_task, 0, kTaskOfLibrary, 0, kAddressTaskPeriod) != 0;
         return address_task_;
     }
     bool start_tls(bool wanted) {
@@ -211,11 +204,10 @@ public:
     }
     // A period that does not parse has been reported and is no reason not to start.
     void register_time_task() {
-        if (ctx_ == nullptr || scheduler == nullptr || ntp_task == nullptr) return;
+        if (ctx_ == nullptr || ntp_task == nullptr) return;
         if (ctx_->ntp_server == nullptr || ctx_->ntp_server[0] == '\0') return;
         if (ctx_->ntp_cron == nullptr || ctx_->ntp_cron[0] == '\0') return;
-        time_task_ = scheduler->add_task(ctx_, kTimeTask, ntp_task, reinterpret_cast<cm_value>(state_), kTaskOfLibrary,
-                                         1, ctx_->ntp_cron) != 0;
+        cm_cron_task(ctx_, kTimeTask, ntp_task, reinterpret_cast<cm_value>(state_), kTaskOfLibrary, 1, ctx_->ntp_cron);
     }
     cm_net_state *finish() {
         if (ctx_ != nullptr) ctx_->net_table = state_;
@@ -226,7 +218,7 @@ public:
 private:
     cm_context *const ctx_;
     cm_net_state *state_ = nullptr;
-    bool network_ = false, address_task_ = false, time_task_ = false, finished_ = false;
+    bool network_ = false, address_task_ = false, finished_ = false;
     char name_[kNameSize] = "";
 };
 
@@ -325,6 +317,7 @@ CM_API int16_t CM_CALL cm_net_exit(cm_net_state *state) {
     cm::report(ctx, CM_INFO, "Closing with %ld open connections...",
                static_cast<long>(cm::load_relaxed(state->open_count)));
     cm::store_relaxed(state->exited, int32_t{1});
+    for (const char *task : {kTimeTask, kAddressTask}) cm_cron_remove(ctx, task);
     close_all(state);
     wait_for_leavers(state);
     if (ctx != nullptr && ctx->net_table == state) ctx->net_table = nullptr;

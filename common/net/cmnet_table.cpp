@@ -228,6 +228,7 @@ void shut_down_all(cm_net_state *state) {
         if (load_relaxed(conn->phase) != kOpen) continue;
         const Call call(state, conn);
         if (call.socket() == kNoSocket) continue;
+        mark_closed(conn);
         os.socket_option(call.socket(), SocketOption::kLinger, -1);  // or each peer that is stuck holds us up
         os.socket_shutdown(call.socket());
     }

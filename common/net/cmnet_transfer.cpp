@@ -269,9 +269,12 @@ bool receive(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int
         whole = receive_plain(state, conn, call, buffer, static_cast<size_t>(size), &got);
         if (whole) *out_count = static_cast<int32_t>(got);
     }
-    const bool closed_by_peer = *out_count == 0 && !has_flag(conn, CM_CONN_DATAGRAM);
-    if (!whole || closed_by_peer) mark_closed(conn);
-    if (!whole || closed_by_peer) return whole;
+    const bool at_end = *out_count == 0 && !has_flag(conn, CM_CONN_DATAGRAM);
+    if (!whole || at_end) {
+        const bool ours = has_flag(conn, CM_CONN_CLOSED);  // closed by force: not the peer's end of the stream
+        mark_closed(conn);
+        return whole && !ours;
+    }
     if (packets_traced(state)) trace_received(state, conn, buffer, *out_count);
     count(state, 1, *out_count);
     return true;

@@ -14,7 +14,7 @@ constexpr Error kSomeError = CM_EACCES;
 
 // Lets some of the calls that make a listener fail.
 struct Broken {
-    bool open = false, bind = false, listen = false, local = false, get_peer = false;
+    bool open = false, bind = false, listen = false, local = false;
     std::vector<SocketOption> options = {};
 };
 Broken broken;
@@ -43,7 +43,13 @@ public:
                                                                   : real.socket_option(socket, option, value);
         };
     }
-    ~Breaks() { os = saved_; }
+    ~Breaks() {
+        os.socket_open = saved_.socket_open;
+        os.socket_bind = saved_.socket_bind;
+        os.socket_listen = saved_.socket_listen;
+        os.socket_local = saved_.socket_local;
+        os.socket_option = saved_.socket_option;
+    }
 
 private:
     cm::platform::Table saved_;
@@ -240,15 +246,14 @@ TEST(Accept, FillsTheHandle) {
 
 TEST(Accept, ResolvesThePeersName) {
     Net net("Resolve Host Names = TRUE");
-    static cm::platform::Table real;
-    real = os;
+    const auto real = os.host_by_address;
     os.host_by_address = [](uint32_t address, char *out, size_t size) -> Error {
         if (address != address_of("127.0.0.2")) return 11001;
         cm_strncpy(out, "client.example", static_cast<int32_t>(size));
         return 0;
     };
     Link known(net, 20, "127.0.0.2"), unknown(net, 20, "127.0.0.3");
-    os = real;
+    os.host_by_address = real;
     EXPECT_STREQ(known.conn->peer_host, "client.example");
     EXPECT_EQ(known.conn->peer_host_len, 14);
     EXPECT_STREQ(unknown.conn->peer_host, "127.0.0.3");

@@ -123,11 +123,25 @@ inline bool eventually(const std::function<bool()> &come_true, int seconds = 20)
     return false;
 }
 
+// Ends the library's own threads, so that none of them uses the table while a test replaces entries of it.
+inline void end_threads(cm_context *ctx) {
+    EXPECT_EQ(cm_free_threads(ctx), 1);
+    cm_hash_clear(ctx->thread_table, nullptr);
+}
+
+inline int32_t threads(cm_context *ctx) {
+    cm_take_mutex(ctx->thread_mutex);
+    const int32_t count = ctx->thread_table->entries;
+    cm_release_mutex(ctx->thread_mutex);
+    return count;
+}
+
 class Net {
 public:
     explicit Net(const char *common = "", const std::function<void(TempFolder &)> &prepare = nullptr)
         : lib(common, prepare), alerts(lib.ctx()) {
         EXPECT_TRUE(lib.ok()) << lib.notices();
+        end_threads(lib);
         EXPECT_EQ(cm_net_init(lib, 0, &state), 1);
     }
     ~Net() { stop(); }
@@ -195,6 +209,9 @@ public:
     }
     int16_t join() {
         if (thread_.joinable()) thread_.join();
+        // Workers that are still busy may use the entries and the handler.
+        const auto left = [this] { return __atomic_load_n(&net_.state->users, __ATOMIC_ACQUIRE) == 1; };
+        EXPECT_TRUE(net_.state == nullptr || eventually(left));
         return result_;
     }
 

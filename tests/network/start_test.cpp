@@ -1,9 +1,8 @@
 // Start and stop: texts, the host's name and address, tasks, faults.
 #include <cstdio>
 
-#include "core/schedule_hook.h"
 #include "net.h"
-#include "net/transport.h"
+#include "net/ntp_hook.h"
 
 using namespace cm::test;
 using cm::platform::Error;
@@ -34,7 +33,10 @@ public:
             return 0;
         };
     }
-    ~Host() { os = saved_; }
+    ~Host() {
+        os.host_name = saved_.host_name;
+        os.host_by_name = saved_.host_by_name;
+    }
 
 private:
     cm::platform::Table saved_;
@@ -100,13 +102,12 @@ TEST(Start, AForcedAddressIsNotLookedUp) {
 TEST(Start, FailuresHaveTheirTexts) {
     Library lib;
     cm_net_state *state = nullptr;
-    {
-        const Host here;
-        os.network_start = []() -> Error { return 10091; };
-        EXPECT_EQ(cm_net_init(lib, 0, &state), 0);
-        EXPECT_TRUE(lib.logged("FATAL: WSAStartup(Version 2.2) failed [10091]"));
-    }
+    end_threads(lib);
     const Host here;
+    os.network_start = []() -> Error { return 10091; };
+    EXPECT_EQ(cm_net_init(lib, 0, &state), 0);
+    EXPECT_TRUE(lib.logged("FATAL: WSAStartup(Version 2.2) failed [10091]"));
+    os.network_start = real.network_start;
     name_error = 10050;
     EXPECT_EQ(cm_net_init(lib, 0, &state), 0);
     EXPECT_TRUE(lib.logged("ERROR: gethostname(10050): DNS lookup of '' failed."));
@@ -119,94 +120,85 @@ TEST(Start, FailuresHaveTheirTexts) {
 }
 
 TEST(Start, WithoutAContext) {
-    const Host here;
-    const std::string text = captured_standard_error([] {
-        cm_net_state *state = nullptr;
+    cm_net_state *state = nullptr;
+    const std::string text = captured_standard_error([&] {
+        const Host here;
         ASSERT_EQ(cm_net_init(nullptr, 0, &state), 1);
-        EXPECT_EQ(state->max_open, 30);
-        EXPECT_EQ(state->read_timeout, 300u);
-        EXPECT_EQ(cm_net_init(nullptr, 1, &state), 1);  // started is started
-        cm_conn *listener = nullptr;
-        ASSERT_EQ(cm_net_listen(state, "127.0.0.1", 0, 5, 5, 0, &listener), 1);
-        std::thread loop([&] {
-            cm_poll_entry entry = {[](cm_context *ctx, cm_conn *conn, cm_thread *, cm_value) -> int16_t {
-                                       EXPECT_EQ(ctx, nullptr);
-                                       return cm_net_send(conn->net, conn, "bare", CM_LEN_TEXT);
-                                   },
-                                   listener, 1, "Bare"};
-            EXPECT_EQ(cm_net_poll(state, &entry, 1), 1);
-        });
-        EXPECT_EQ(Peer(listener->peer_port).receive(), "bare");
-        cm_net_shutdown(state);
-        loop.join();
-        EXPECT_EQ(cm_net_exit(state), 1);
     });
-    EXPECT_NE(text.find("Network IP Address is 10.0.0.1"), std::string::npos);
+    EXPECT_EQ(text, "Tilvar Server Error: Network IP Address is 10.0.0.1\n");
+    EXPECT_EQ(state->max_open, 30);
+    EXPECT_EQ(state->read_timeout, 300u);
+    cm_conn *listener = nullptr;
+    ASSERT_EQ(cm_net_listen(state, "127.0.0.1", 0, 5, 5, 0, &listener), 1);
+    std::thread loop([&] {
+        cm_poll_entry entry = {[](cm_context *ctx, cm_conn *conn, cm_thread *, cm_value) -> int16_t {
+                                   EXPECT_EQ(ctx, nullptr);
+                                   return cm_net_send(conn->net, conn, "bare", CM_LEN_TEXT);
+                               },
+                               listener, 1, "Bare"};
+        EXPECT_EQ(cm_net_poll(state, &entry, 1), 1);
+    });
+    EXPECT_EQ(Peer(listener->peer_port).receive(), "bare");
+    cm_net_shutdown(state);
+    loop.join();
+    EXPECT_EQ(cm_net_exit(state), 1);
 }
 
-struct Task {
-    std::string name, period;
-    int32_t origin, threaded;
-    cm_value argument;
-    cm_task_fn function;
-};
-std::vector<Task> tasks;
-std::string refused_task;
-const cm::Scheduler kScheduler = {[](cm_context *, const char *name, cm_task_fn function, cm_value argument,
-                                     int32_t origin, int32_t threaded, const char *period) -> int16_t {
-                                      if (refused_task == name) return 0;
-                                      tasks.push_back({name, period, origin, threaded, argument, function});
-                                      return 1;
-                                  },
-                                  [](cm_context *, const char *name) -> int16_t {
-                                      return std::erase_if(tasks, [&](const Task &task) { return task.name == name; }) >
-                                             0;
-                                  }};
+const cm_cron_rec *task(cm_context *ctx, const char *name) {
+    const cm_cron_rec *found = ctx->cron->periodic;
+    while (found != nullptr && strcmp(found->name, name) != 0) found = found->next;
+    return found;
+}
 
 int16_t CM_CALL set_the_clock(cm_context *, const char *, cm_value) {
     return 1;
 }
 
-TEST(Start, RegistersItsTasks) {
+constexpr char kTasks[] = "Dynamic IP Test = TRUE\nNTP Server = time.example\nNTP Cron = 0 * * * *";
+
+TEST(Start, RegistersItsTasksAndStopTakesThemBack) {
     const Host here;
-    tasks.clear();
-    refused_task.clear();
-    {
-        Net nothing("Dynamic IP Test = TRUE\nNTP Server = time.example\nNTP Cron = 0 * * * *");
-        EXPECT_TRUE(tasks.empty());  // no scheduler
-    }
-    cm::scheduler = &kScheduler;
-    cm::ntp_task = set_the_clock;
-    {
-        Net net("Dynamic IP Test = TRUE\nNTP Server = time.example\nNTP Cron = 0 * * * *");
-        ASSERT_EQ(tasks.size(), 2u);
-        EXPECT_EQ(tasks[0].name, "Dynamic IP Lookup");
-        EXPECT_EQ(tasks[0].period, "1-60/5 * * * *");
-        EXPECT_EQ(tasks[0].origin, 101);
-        EXPECT_EQ(tasks[0].threaded, 0);
-        host_address = "10.9.9.9";
-        EXPECT_EQ(tasks[0].function(net.lib, "Dynamic IP Lookup", 0), 1);
-        EXPECT_STREQ(net.state->local_text, "10.9.9.9");
-        EXPECT_EQ(tasks[1].name, "NTP Synchronization");
-        EXPECT_EQ(tasks[1].period, "0 * * * *");
-        EXPECT_EQ(tasks[1].threaded, 1);
-        EXPECT_EQ(tasks[1].argument, reinterpret_cast<cm_value>(net.state));
-        EXPECT_EQ(tasks[1].function, set_the_clock);
-    }
-    tasks.clear();
-    { Net net("NTP Server = time.example"); }
-    EXPECT_TRUE(tasks.empty());
-    {
-        Library lib("Dynamic IP Test = TRUE");
-        cm_net_state *state = nullptr;
-        EXPECT_EQ(cm_net_init(lib, 1, &state), 0);
-        EXPECT_TRUE(tasks.empty());  // undone, since TLS failed after it
-        refused_task = "Dynamic IP Lookup";
-        EXPECT_EQ(cm_net_init(lib, 0, &state), 0);
-        EXPECT_EQ(lib.ctx()->net_table, nullptr);
-    }
-    cm::scheduler = nullptr;
-    cm::ntp_task = nullptr;
+    cm::net::ntp_task = set_the_clock;
+    Net net(kTasks);
+    const cm_cron_rec *address = task(net.lib, "Dynamic IP Lookup"), *time = task(net.lib, "NTP Synchronization");
+    ASSERT_TRUE(address != nullptr && time != nullptr);
+    EXPECT_EQ(std::string(address->period).rfind("1-60/5", 0), 0u);
+    EXPECT_EQ(address->origin, 101);
+    EXPECT_EQ(address->threaded, 0);
+    host_address = "10.9.9.9";
+    EXPECT_EQ(address->function(net.lib, address->name, address->argument), 1);
+    EXPECT_STREQ(net.state->local_text, "10.9.9.9");
+    EXPECT_STREQ(time->period, "0 * * * *");
+    EXPECT_EQ(time->origin, 101);
+    EXPECT_EQ(time->threaded, 1);
+    EXPECT_EQ(time->argument, reinterpret_cast<cm_value>(net.state));
+    EXPECT_EQ(time->function, set_the_clock);
+    net.stop();
+    EXPECT_EQ(task(net.lib, "Dynamic IP Lookup"), nullptr);
+    EXPECT_EQ(task(net.lib, "NTP Synchronization"), nullptr);
+}
+
+TEST(Start, RegistersOnlyWhatIsSet) {
+    cm::net::ntp_task = set_the_clock;
+    Net net("NTP Server = time.example");
+    EXPECT_EQ(task(net.lib, "Dynamic IP Lookup"), nullptr);
+    EXPECT_EQ(task(net.lib, "NTP Synchronization"), nullptr);
+}
+
+TEST(Start, AFailedOneLeavesNoTask) {
+    const Host here;
+    Library lib(kTasks);
+    cm_net_state *state = nullptr;
+    EXPECT_EQ(cm_net_init(lib, 1, &state), 0);  // TLS comes after the task
+    EXPECT_EQ(task(lib, "Dynamic IP Lookup"), nullptr);
+    cm_cron_stop(lib);
+    end_threads(lib);
+    os.thread_start = [](cm::platform::ThreadEntry, void *, cm::platform::Thread **) -> Error { return 11; };
+    EXPECT_EQ(cm_net_init(lib, 0, &state), 0);  // no scheduler to register with
+    os.thread_start = real.thread_start;
+    EXPECT_EQ(lib.ctx()->net_table, nullptr);
+    EXPECT_EQ(cm_net_init(lib, 0, &state), 1);
+    EXPECT_EQ(cm_net_exit(state), 1);
 }
 
 // One whole life: start, a listener, a request served through an outgoing connection and back, stop.  True: all of it
@@ -239,8 +231,9 @@ class Life : public testing::TestWithParam<std::tuple<uint32_t, Faults::Mode>> {
 
 TEST_P(Life, SurvivesTheFailureOfEveryCall) {
     const auto [groups, mode] = GetParam();
-    Library lib("Linger Close = FALSE\nNetwork Trace Level = STREAM");
+    Library lib("Linger Close = FALSE\nDynamic IP Test = TRUE\nNetwork Trace Level = STREAM");
     ASSERT_TRUE(lib.ok());
+    end_threads(lib);
     const Host here;
     ASSERT_TRUE(one_request(lib));
     int64_t injected = 0;

@@ -53,7 +53,7 @@ TEST(Stress, ThousandsOfConnectionsThroughATableOfThreeHundred) {
     EXPECT_LT(net.state->pool->total - memory, 1u << 20);
 }
 
-// Everything at once: accepting, serving, closing, outgoing connections, forced closes, name changes, traces.
+// Sixteen threads: accepting, serving, connecting, address look-ups, trace levels, and two forced closes of it all.
 TEST(Stress, ForcedClosesUnderLoad) {
     Net net("Maximum Connections = 64\nNetwork Trace Level = PACKETS");
     cm_conn *listener = net.listen(2);
@@ -85,13 +85,11 @@ TEST(Stress, ForcedClosesUnderLoad) {
                 rounds++;
             }
         });
-    for (int t = 0; t < 3; t++)
+    for (int t = 0; t < 4; t++)
         threads.emplace_back([&, t] {
-            while (!stop) {
-                if (t == 0) cm_net_initip(net.lib);
-                if (t == 1) cm_net_trace(net.lib, CM_NTRACE_PACKETS);
-                if (t == 2 && rounds % 50 == 0)  // what a forced close does, to everything but the listener
-                    for (int i = 0; i < 4; i++) os.thread_yield();
+            for (int i = 0; !stop; i++) {
+                if (t % 2 == 0) cm_net_initip(net.lib);
+                if (t % 2 == 1) cm_net_trace(net.lib, i % 2 == 0 ? CM_NTRACE_PACKETS : CM_NTRACE_OPENCLOSE);
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             }
         });
