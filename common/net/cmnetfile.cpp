@@ -24,9 +24,14 @@ constexpr uint64_t kToTheEnd = std::numeric_limits<uint64_t>::max();
 
 class OpenFile {
 public:
+    // The cache tells files apart by the way they are opened.  Not sequential is the way under which it also keeps what
+    // cm_stat says, so that the header of a reply and its body come from one entry.  Without the cache, a sequential
+    // open is the one that leaves the cache alone.
     OpenFile(cm_context *ctx, const char *path, bool by_cache) {
-        constexpr int32_t kFlags = CM_O_RDONLY | CM_O_BINARY | CM_O_SEQ;
-        if ((by_cache ? cm_fopenc : cm_fopen)(ctx, path, kFlags, &file_) == 0) file_ = nullptr;
+        constexpr int32_t kRead = CM_O_RDONLY | CM_O_BINARY;
+        const int16_t opened =
+            by_cache ? cm_fopenc(ctx, path, kRead, &file_) : cm_fopen(ctx, path, kRead | CM_O_SEQ, &file_);
+        if (opened == 0) file_ = nullptr;
     }
     ~OpenFile() {
         if (file_ != nullptr) cm_fclose(file_);

@@ -138,6 +138,18 @@ bool redirect_to_folder(Host &host, cm_conn *conn, const Request &request, const
     return reply_with_text(reply, host, conn, 301);
 }
 
+// A file of the cache, when it takes it, or else of the disk.
+struct OpenFile {
+    OpenFile(Host &host, const char *path) { cm_fopenc(host.ctx, path, CM_O_RDONLY | CM_O_BINARY, &handle); }
+    ~OpenFile() {
+        if (handle != nullptr) cm_fclose(handle);
+    }
+    OpenFile(const OpenFile &) = delete;
+    OpenFile &operator=(const OpenFile &) = delete;
+
+    cm_file *handle = nullptr;
+};
+
 // A file that was found, and what the request makes of it.
 struct Found {
     Found(const char *name, const cm_stat_rec &record) : path(name), status(record), type(media_type(name)) {}
@@ -222,12 +234,11 @@ bool send_gzip(Reply &reply, Host &host, cm_conn *conn, const Found &found) {
 
 // The first byte alone, which cm_net_putfile cannot be asked for: a last byte of 0 means the end of the file to it.
 bool put_first_byte(Host &host, cm_conn *conn, const Found &found) {
-    cm_file *file = nullptr;
     char byte = 0;
     int32_t got = 0;
-    if (cm_fopenc(host.ctx, found.path, CM_O_RDONLY | CM_O_BINARY | CM_O_SEQ, &file) == 0) return false;
-    cm_fread(file, &byte, 1, &got);
-    cm_fclose(file);
+    const OpenFile file(host, found.path);
+    if (file.handle == nullptr) return false;
+    cm_fread(file.handle, &byte, 1, &got);
     return got == 1 && cm_net_putdata(host.net, conn, &byte, 1, 1) != 0;
 }
 
@@ -311,6 +322,11 @@ bool answer(Host &host, cm_conn *conn, const Request &request, bool keep) {
     const uint32_t kind = record.mode & kTypeMask;
     if (kind == kDirectory && !path.directory) return redirect_to_folder(host, conn, request, path, keep);
     if (kind != kRegular) return refuse(host, conn, request, 404, keep);
+    // Until the cache looks at the disk again it may know the status of a file and not its content, or an older
+    // content. Opening the file brings both together, and keeps them so while it is open.
+    const OpenFile held(host, name.c_str());
+    if (held.handle == nullptr || cm_stat(host.ctx, name.c_str(), 1, &record) == 0)
+        return refuse(host, conn, request, 404, keep);
     if (record.size == UINT32_MAX) return refuse(host, conn, request, 500, keep);  // its length cannot be told
     Found found(name.c_str(), record);
     return send_file(host, conn, request, found, keep);

@@ -226,6 +226,35 @@ class Files(unittest.TestCase):
         os.utime(os.path.join(self.host.site, "fresh.txt"))
         self.assertTrue(self.host.head("fresh.txt")[1]["etag"].startswith("W/"))
 
+    def replace(self, name, version):
+        path = os.path.join(self.host.site, name)
+        with open(path + ".new", "wb") as file:
+            file.write(b"%d" % version * (1000 * version))
+        os.utime(path + ".new", (1100000000 + version, 1100000000 + version))
+        os.replace(path + ".new", path)
+
+    def version_served(self, name, method):
+        connection = http.client.HTTPConnection("127.0.0.1", self.host.port, timeout=20)
+        connection.request(method, "/" + name)
+        reply = connection.getresponse()
+        body = reply.read()
+        connection.close()
+        version = int(reply.getheader("Content-Length")) // 1000
+        self.assertEqual(reply.getheader("ETag"), '"%x-%x"' % (1100000000 + version, 1000 * version))
+        self.assertEqual(body, b"" if method == "HEAD" else b"%d" % version * (1000 * version))
+        return version
+
+    def test_a_file_that_is_replaced_is_never_mixed_up(self):
+        # The host may answer from what it remembers for a while, but header and body must be of one version.
+        orders = (("HEAD", "GET"), ("GET", "GET"), ("GET", "HEAD", "GET"), ("HEAD", "HEAD", "GET", "GET"))
+        for number, order in enumerate(orders):
+            for version, method in enumerate(order, 1):
+                self.replace("changing%d.bin" % number, version)
+                self.version_served("changing%d.bin" % number, method)
+        time.sleep(3.1)  # the memory of the settings is two seconds long
+        for number, order in enumerate(orders):
+            self.assertEqual(self.version_served("changing%d.bin" % number, "GET"), len(order))
+
     def test_folders(self):
         self.assertEqual(self.host.curl(""), b"<h1>top</h1>")
         self.assertEqual(self.host.curl("sub/"), b"<h1>sub</h1>")
