@@ -219,7 +219,7 @@ struct Table {
     // Child processes: no shell, the command line split as Windows splits it, exactly three inherited handles (a null
     // descriptor is -1), default signal dispositions, a group (job) of its own.
     Error (*process_start)(const char *command, const char *directory, const int32_t standard[3], Process **out_process);
-    bool (*process_wait)(Process *process, int32_t timeout_ms, int32_t *out_exit_code);  // true: it has ended; false: time is up, or the thread was asked to end
+    bool (*process_wait)(Process *process, int32_t timeout_ms, int32_t *out_exit_code);  // true: it has ended; false: time is up, or the thread was asked to end and the child was not killed
     void (*process_kill)(Process *process);                // the whole group
     int32_t (*process_id)(Process *process);
     void (*process_release)(Process *process);

@@ -17,6 +17,7 @@
 #include "core/cmthread.h"
 #include "core/relaxed.h"
 #include "files/cache_hook.h"
+#include "files/cmfile.h"
 #include "platform/platform.h"
 
 namespace cm::cache {
@@ -45,6 +46,7 @@ class Key {
 public:
     Key(std::string_view path, char form) {
         if (path.empty() || path.size() >= kPathLimit) return;
+        path_ = path;
         if (platform::kFoldsPathCase) {
             for (size_t i = 0; i < path.size(); i++) text_[i] = path[i] == '/' ? '\\' : fold(path[i]);
         } else {
@@ -54,10 +56,12 @@ public:
         length_ = static_cast<int32_t>(path.size()) + 1;
     }
     explicit operator bool() const { return length_ > 0; }
+    std::string_view path() const { return path_; }
     const char *text() const { return text_; }
     int32_t length() const { return length_; }
 
 private:
+    std::string_view path_;
     char text_[kPathLimit + 1];
     int32_t length_ = 0;
 };
@@ -71,24 +75,37 @@ bool examine(const char *path, FileStatus *out) {
 }
 
 void remember(cm_cache_rec *entry, const FileStatus &status, uint32_t now) {
+    cm_stat_rec record;
+    files::fill_stat(status, &record);
     entry->file_index = static_cast<uint32_t>(status.index);
-    entry->file_mode = status.mode;
-    entry->file_size = status.size > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(status.size);
-    entry->file_mtime = static_cast<uint32_t>(status.mtime);
-    entry->file_ctime = static_cast<uint32_t>(status.ctime);
-    entry->file_atime = static_cast<uint32_t>(status.atime);
+    entry->file_mode = record.mode;
+    entry->file_size = record.size;
+    entry->file_mtime = record.mtime;
+    entry->file_ctime = record.ctime;
+    entry->file_atime = record.atime;
     entry->validated = now;
-    entry->racy = status.mtime + kRacySeconds > int64_t{now};
+    entry->racy = int64_t{record.mtime} + kRacySeconds > int64_t{now};
 }
 
 bool is_unchanged(const cm_cache_rec &entry, const FileStatus &status) {
-    return !entry.racy && entry.file_mtime == static_cast<uint32_t>(status.mtime) && entry.file_size == status.size &&
+    cm_stat_rec record;
+    files::fill_stat(status, &record);
+    return !entry.racy && entry.file_mtime == record.mtime && entry.file_size == record.size &&
            entry.file_index == static_cast<uint32_t>(status.index);
 }
 
-// "Older than" is strict: with an interval of 0 an entry still holds for the second that it was checked in.
+// "Older than" is strict: with an interval of 0 an entry still holds for the second that it was checked in.  A time
+// that lies ahead proves that the clock was set back; one second ahead is another thread that read the clock a little
+// later.
 bool is_older(uint32_t since, int32_t seconds, uint32_t now) {
-    return int64_t{now} - int64_t{since} > int64_t{seconds};
+    const int64_t age = int64_t{now} - int64_t{since};
+    return age > int64_t{seconds} || age < -1;
+}
+
+// Folded keys meet for paths that may, for all the cache knows, be two files.  The path as it was given stands behind
+// the entry then.
+bool is_same_path(const cm_cache_rec *entry, const Key &key) {
+    return !platform::kFoldsPathCase || key.path() == reinterpret_cast<const char *>(entry + 1);
 }
 
 cm_cache_rec *find(cm_hash *table, const Key &key) {
@@ -134,9 +151,11 @@ void remove(cm_cache *cache, cm_hash *table, const Key &key, cm_cache_rec *entry
     give_up(entry);
 }
 
-cm_cache_rec *make_entry(void *data, int32_t size, const FileStatus &status, uint32_t now) {
-    auto *entry = static_cast<cm_cache_rec *>(os.allocate_zeroed(sizeof(cm_cache_rec)));
+cm_cache_rec *make_entry(const Key &key, void *data, int32_t size, const FileStatus &status, uint32_t now) {
+    const size_t path_size = platform::kFoldsPathCase ? key.path().size() + 1 : 0;
+    auto *entry = static_cast<cm_cache_rec *>(os.allocate_zeroed(sizeof(cm_cache_rec) + path_size));
     if (entry == nullptr) return nullptr;
+    if (path_size > 0) memcpy(entry + 1, key.path().data(), path_size - 1);
     entry->data = data;
     entry->size = size;
     entry->last_access = now;
@@ -200,7 +219,7 @@ bool load(cm_cache *cache, cm_file *handle, const Key &key, int32_t flags, const
         cache->cleanup_wanted = 1;
         return true;
     }
-    cm_cache_rec *entry = make_entry(nullptr, static_cast<int32_t>(status.size), status, now);
+    cm_cache_rec *entry = make_entry(key, nullptr, static_cast<int32_t>(status.size), status, now);
     if (entry == nullptr) {
         report(ctx, CM_ERROR, "cm_cache_open() Memory allocation of cache handle failed.");
         return false;
@@ -228,6 +247,7 @@ bool open_cached(cm_cache *cache, cm_file *handle, const Key &key, int32_t flags
     count_open(cache);
     FileStatus status;
     cm_cache_rec *entry = find(cache->file_table, key);
+    if (entry != nullptr && !is_same_path(entry, key)) return true;
     if (entry != nullptr && (entry->size == 0 || is_older(entry->validated, cache->ctx->cache_stat_interval, now))) {
         if (!examine(handle->name, &status)) {
             if (entry->in_use == 0) remove(cache, cache->file_table, key, entry);
@@ -249,7 +269,8 @@ bool open_cached(cm_cache *cache, cm_file *handle, const Key &key, int32_t flags
 }
 
 void fill(cm_stat_rec *record, const cm_cache_rec &entry) {
-    *record = {entry.file_index & 0xFFFF, entry.file_mode, entry.file_size, entry.file_mtime, entry.file_ctime, entry.file_atime};
+    *record = {entry.file_index & 0xFFFF, entry.file_mode,  entry.file_size,
+               entry.file_mtime,          entry.file_ctime, entry.file_atime};
 }
 
 // Adds what an examination found as an entry without data.
@@ -258,7 +279,7 @@ void add_stat_entry(cm_cache *cache, const Key &key, const FileStatus &status, u
         cache->cleanup_wanted = 1;
         return;
     }
-    cm_cache_rec *entry = make_entry(nullptr, 0, status, now);
+    cm_cache_rec *entry = make_entry(key, nullptr, 0, status, now);
     if (entry != nullptr && !enter(cache, cache->file_table, key, entry)) free_entry(entry);
 }
 
@@ -266,19 +287,20 @@ bool stat_cached(cm_cache *cache, const char *path, const Key &key, cm_stat_rec 
     const uint32_t now = now_seconds();
     const MutexGuard guard(cache->mutex);
     cm_cache_rec *entry = find(cache->file_table, key);
-    if (entry != nullptr && !is_older(entry->validated, cache->ctx->cache_stat_interval, now)) {
+    const bool stranger = entry != nullptr && !is_same_path(entry, key);
+    if (entry != nullptr && !stranger && !is_older(entry->validated, cache->ctx->cache_stat_interval, now)) {
         entry->last_access = now;
         fill(record, *entry);
         return true;
     }
     FileStatus status;
     const bool exists = examine(path, &status);
-    if (entry != nullptr && exists && is_unchanged(*entry, status)) {
+    if (entry != nullptr && exists && !stranger && is_unchanged(*entry, status)) {
         entry->last_access = entry->validated = now;
         fill(record, *entry);
         return true;
     }
-    const bool kept = entry != nullptr && entry->in_use > 0;
+    const bool kept = entry != nullptr && (stranger || entry->in_use > 0);
     if (entry != nullptr && !kept) remove(cache, cache->file_table, key, entry);
     if (!exists) return false;
     if (!kept) add_stat_entry(cache, key, status, now);
@@ -325,8 +347,8 @@ int32_t CM_CALL visit_idle(cm_hash *table, cm_value user, cm_hash_entry_rec *rec
 }
 
 int16_t CM_CALL clean_up(cm_context *ctx, const char *name, cm_value argument) {
-    cm_cache *cache = load_relaxed(ctx->file_cache);
-    if (cache == nullptr || cache->file_table == nullptr) return 1;
+    cm_cache *cache = __atomic_load_n(&ctx->file_cache, __ATOMIC_ACQUIRE);
+    if (cache == nullptr || ctx->file_cache_size < 1) return 1;
     const uint32_t now = now_seconds();
     const MutexGuard guard(cache->mutex);
     if (!cache->cleanup_wanted || !is_older(cache->last_cleanup, ctx->cache_flush_interval, now)) return 1;
@@ -354,7 +376,13 @@ void destroy(cm_cache *cache) {
 constexpr files::CacheHook kHook = {cm_cache_open, cm_cache_close, cm_cache_age, cm_cache_stat};
 
 cm_cache *cache_of(const cm_context *ctx) {
-    return ctx == nullptr ? nullptr : load_relaxed(ctx->file_cache);
+    return ctx == nullptr ? nullptr : __atomic_load_n(&ctx->file_cache, __ATOMIC_ACQUIRE);
+}
+
+// What guards the holds on entries; those that outlive their cache are orphans under the mutex of the file handles.
+cm_mutex *mutex_of_holds(const cm_context *ctx) {
+    const cm_cache *cache = cache_of(ctx);
+    return cache != nullptr ? cache->mutex : ctx != nullptr ? ctx->file_mutex : nullptr;
 }
 
 cm_cache *file_cache_of(const cm_context *ctx) {
@@ -425,9 +453,7 @@ CM_API int16_t CM_CALL cm_cache_close(cm_context *ctx, cm_file *handle) {
     if (handle == nullptr || handle->cache_entry == nullptr) return 0;
     cm_cache_rec *entry = handle->cache_entry;
     handle->cache_entry = nullptr;
-    cm_cache *cache = cache_of(ctx);
-    // Without a cache any more the last holder is alone with its orphan.
-    const MutexGuard guard(cache != nullptr ? cache->mutex : nullptr);
+    const MutexGuard guard(mutex_of_holds(ctx));
     drop_hold(entry);
     return 1;
 }
@@ -468,7 +494,7 @@ CM_API int16_t CM_CALL cm_cache_getasp(cm_context *ctx, const char *path, void *
     const uint32_t now = now_seconds();
     const MutexGuard guard(cache->mutex);
     cm_cache_rec *entry = find(cache->page_table, key);
-    if (entry == nullptr) return 0;
+    if (entry == nullptr || !is_same_path(entry, key)) return 0;
     if (is_older(entry->validated, ctx->cache_stat_interval, now)) {
         FileStatus status;
         if (!examine(path, &status) || !is_unchanged(*entry, status)) {
@@ -499,7 +525,7 @@ CM_API int16_t CM_CALL cm_cache_setasp(cm_context *ctx, const char *path, void *
         cache->cleanup_wanted = 1;
         return 0;
     }
-    cm_cache_rec *entry = make_entry(data, size, status, now);
+    cm_cache_rec *entry = make_entry(key, data, size, status, now);
     if (entry == nullptr) {
         report(ctx, CM_ERROR, "cm_cache_setasp() Memory allocation of cache handle failed.");
         return 0;
@@ -519,8 +545,7 @@ CM_API int16_t CM_CALL cm_cache_setasp(cm_context *ctx, const char *path, void *
 
 CM_API int16_t CM_CALL cm_cache_freeasp(cm_context *ctx, cm_cache_rec *entry) {
     if (entry == nullptr) return 0;
-    cm_cache *cache = cache_of(ctx);
-    const MutexGuard guard(cache != nullptr ? cache->mutex : nullptr);
+    const MutexGuard guard(mutex_of_holds(ctx));
     drop_hold(entry);
     return 1;
 }

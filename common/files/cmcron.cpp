@@ -20,6 +20,7 @@ namespace {
 
 constexpr int32_t kWakeInterval = 6000;  // milliseconds; every tenth wake-up works
 constexpr int32_t kWakesPerRound = 10;
+constexpr int64_t kNoTime = INT64_MIN;  // the clock could not be read: nothing was missed since
 
 // Words that stand for a whole period.
 struct Alias {
@@ -61,6 +62,16 @@ cm_task_fn function_of(cm_cron *cron, const char *command) {
     return cm__cron_usertask;
 }
 
+// Attaching, starting and detaching happen under the mutex of the threads, one at a time; a state that was detached
+// stays valid until the library ends, so whoever has it may go on.
+cm_cron *state_of(const cm_context *ctx) {
+    return __atomic_load_n(&ctx->cron, __ATOMIC_ACQUIRE);
+}
+
+void attach(cm_context *ctx, cm_cron *cron) {
+    __atomic_store_n(&ctx->cron, cron, __ATOMIC_RELEASE);
+}
+
 bool may_run(const cm_cron *cron) {
     return load_relaxed(cron->stop) == 0 && (load_relaxed(cron->ctx->flags) & CTX_SHUTDOWN) == 0;
 }
@@ -74,7 +85,7 @@ int16_t CM_CALL run_threaded(cm_thread *self, cm_value argument) {
 }
 
 void run(cm_cron_rec *task) {
-    store_relaxed(task->state, int32_t{kRunning});
+    if (__atomic_exchange_n(&task->state, int32_t{kRunning}, __ATOMIC_RELAXED) == kRunning) return;
     if (task->threaded == 1) {
         // The record of the thread is its own once it runs: nothing is read through it here.
         if (cm_create_thread(task->ctx, run_threaded, reinterpret_cast<cm_value>(task), "CRON Task", &task->thread))
@@ -109,8 +120,7 @@ bool is_current(const cm_cron *cron) {
 int16_t CM_CALL scheduler_thread(cm_thread *self, cm_value argument) {
     auto *cron = reinterpret_cast<cm_cron *>(argument);
     platform::WallTime now = {};
-    os.wall_clock(&now);
-    cron->last = now.seconds;
+    cron->last = os.wall_clock(&now) ? now.seconds : kNoTime;
     load_schedule(cron);
     run_all(cron, &cron->startup);
     // Wake-ups are counted, not time: a machine that slept does its missed minutes within ten of them.
@@ -118,6 +128,7 @@ int16_t CM_CALL scheduler_thread(cm_thread *self, cm_value argument) {
         os.event_wait(static_cast<platform::Event *>(cron->wake), kWakeInterval);
         if (os.thread_asked() || !is_current(cron)) {
             store_relaxed(cron->stop, int32_t{1});
+            break;
         } else if (wakes % kWakesPerRound == 0 && os.wall_clock(&now)) {
             run_round(cron, now.seconds);
         }
@@ -125,13 +136,87 @@ int16_t CM_CALL scheduler_thread(cm_thread *self, cm_value argument) {
     return 1;
 }
 
+// The scheduler, started when it has no thread yet; null when that fails.
+cm_cron *started(cm_context *ctx) {
+    const MutexGuard guard(ctx->thread_mutex);
+    if (ctx->cron != nullptr && ctx->cron->thread != nullptr) return ctx->cron;
+    return cm_cron_start(ctx) != 0 ? ctx->cron : nullptr;
+}
+
+enum class PeriodKind { kNone, kNever, kAtStart, kAtStop, kFields };
+
+PeriodKind kind_of(std::string_view period) {
+    const std::string_view text = without_leading_blanks(period);
+    if (equal_folded(text, "never")) return PeriodKind::kNever;
+    if (text.empty() || text.front() == '#') return PeriodKind::kNone;
+    if (equal_folded(text, "startup")) return PeriodKind::kAtStart;
+    if (equal_folded(text, "shutdown")) return PeriodKind::kAtStop;
+    return PeriodKind::kFields;
+}
+
+// The period's text from its first field on, with a word that stands for one replaced.
+std::string_view fields_of(std::string_view period) {
+    const std::string_view text = without_leading_blanks(period);
+    for (const Alias &alias : kAliases)
+        if (equal_folded(text, alias.word)) return alias.period;
+    return text;
+}
+
+bool fill_in(cm_cron_rec *task, cm_cron *cron, const char *name, std::string_view fields) {
+    while (!fields.empty() && is_space(fields.back())) fields.remove_suffix(1);
+    task->ctx = cron->ctx;
+    task->name = copy_text(cron->ctx, name);
+    task->period = copy_text(cron->ctx, fields);
+    return task->name != nullptr && task->period != nullptr;
+}
+
 }  // namespace
+
+// What is left behind the fields is the command; an argument stands in where there is none.  With a function a period
+// that does not parse is registered all the same, with the sets that were filled.
+bool add_task(cm_cron *cron, const char *name, cm_task_fn function, cm_value argument, int32_t origin, int32_t threaded,
+              const char *period) {
+    const PeriodKind kind = kind_of(period);
+    if (kind == PeriodKind::kNever || kind == PeriodKind::kNone) return kind == PeriodKind::kNever;
+    auto *task = static_cast<cm_cron_rec *>(shared_allocate(cron->ctx, sizeof(cm_cron_rec)));
+    if (task == nullptr) return false;
+    memset(task, 0, sizeof *task);
+    std::string_view fields = fields_of(period), command = {};
+    bool valid = true;
+    if (kind == PeriodKind::kFields) {
+        command = fields;
+        valid = parse_period(command, sets_of(task));
+        fields.remove_suffix(command.size());
+        if (!valid) command = {};
+        apply_day_rule(sets_of(task));
+    }
+    if (function == nullptr) {
+        const char *text = command.empty() ? reinterpret_cast<const char *>(argument) : command.data();
+        if (!valid || text == nullptr || *text == '\0') return false;
+        function = function_of(cron, text);
+    }
+    if (argument == 0 && !command.empty()) {
+        argument = reinterpret_cast<cm_value>(copy_text(cron->ctx, command));
+        if (argument == 0) return false;
+    }
+    if (!fill_in(task, cron, name, fields)) return false;
+    task->origin = origin;
+    task->threaded = threaded;
+    task->argument = argument;
+    task->function = function;
+    append(cron,
+           kind == PeriodKind::kAtStart  ? &cron->startup
+           : kind == PeriodKind::kAtStop ? &cron->shutdown
+                                         : &cron->periodic,
+           task);
+    return true;
+}
 
 void run_round(cm_cron *cron, int64_t now) {
     load_schedule(cron);
     {
         const MutexGuard guard(cron->lock);
-        if (now > cron->last) mark_due(cron->periodic, cron->last, now);
+        if (cron->last != kNoTime && now > cron->last) mark_due(cron->periodic, cron->last, now);
     }
     for (cm_cron_rec *task = first_of(cron, &cron->periodic); task != nullptr; task = next_of(cron, task)) {
         if (!may_run(cron)) break;
@@ -168,6 +253,7 @@ using platform::os;
 
 CM_API int16_t CM_CALL cm_cron_init(cm_context *ctx) {
     if (ctx == nullptr) return 0;
+    const MutexGuard guard(ctx->thread_mutex);
     if (ctx->cron != nullptr) return 1;
     auto *cron = static_cast<cm_cron *>(shared_allocate(ctx, sizeof(cm_cron)));
     if (cron == nullptr) return 0;
@@ -181,102 +267,74 @@ CM_API int16_t CM_CALL cm_cron_init(cm_context *ctx) {
     }
     cron->next_state = ctx->cron_states;
     ctx->cron_states = cron;
-    store_relaxed(ctx->cron, cron);
+    cron::attach(ctx, cron);
     return 1;
 }
 
 CM_API int16_t CM_CALL cm_cron_start(cm_context *ctx) {
-    if (ctx == nullptr || !cm_cron_init(ctx)) return 0;
+    if (ctx == nullptr) return 0;
+    const MutexGuard guard(ctx->thread_mutex);
+    if (!cm_cron_init(ctx)) return 0;
     cm_cron *cron = ctx->cron;
+    // A second thread would run everything twice.
+    if (cron->thread != nullptr && load_relaxed(cron->stop) == 0) return 1;
     store_relaxed(cron->stop, int32_t{0});
     if (cm_create_thread(ctx, cron::scheduler_thread, reinterpret_cast<cm_value>(cron), "CRON", &cron->thread))
         return 1;
     report(ctx, CM_ERROR, "Failed to start CRON thread.");
-    store_relaxed(ctx->cron, static_cast<cm_cron *>(nullptr));
+    cron::attach(ctx, nullptr);
     return 0;
 }
 
 CM_API int16_t CM_CALL cm_cron_stop(cm_context *ctx) {
     if (ctx == nullptr) return 0;
-    cm_cron *cron = ctx->cron;
+    cm_cron *cron = cron::state_of(ctx);
     if (cron == nullptr) return 1;
     cron::run_all(cron, &cron->shutdown);
-    store_relaxed(cron->stop, int32_t{1});
-    store_relaxed(ctx->cron, static_cast<cm_cron *>(nullptr));
+    {
+        const MutexGuard guard(ctx->thread_mutex);
+        store_relaxed(cron->stop, int32_t{1});
+        if (ctx->cron == cron) cron::attach(ctx, nullptr);
+    }
     os.event_set(static_cast<platform::Event *>(cron->wake));
     report(ctx, CM_INFO, "CRON Scheduler signaled to shutdown...");
     return 1;
 }
 
 CM_API int16_t CM_CALL cm_cron_func(cm_context *ctx, const char *name, cm_task_fn function) {
-    if (ctx == nullptr || ctx->cron == nullptr || name == nullptr || function == nullptr) return 0;
+    cm_cron *cron = ctx == nullptr ? nullptr : cron::state_of(ctx);
+    if (cron == nullptr || name == nullptr || function == nullptr) return 0;
     auto *entry = static_cast<cm_cron_fn *>(shared_allocate(ctx, sizeof(cm_cron_fn)));
     char *copy = entry == nullptr ? nullptr : cron::copy_text(ctx, name);
     if (copy == nullptr) return 0;
     entry->name = copy;
     entry->function = function;
-    const MutexGuard guard(ctx->cron->lock);
-    entry->next = ctx->cron->functions;
-    ctx->cron->functions = entry;
+    const MutexGuard guard(cron->lock);
+    entry->next = cron->functions;
+    cron->functions = entry;
     return 1;
 }
 
 CM_API int16_t CM_CALL cm_cron_task(cm_context *ctx, const char *name, cm_task_fn function, cm_value argument,
                                     int32_t origin, int32_t threaded, const char *period) {
     if (ctx == nullptr || name == nullptr || period == nullptr) return 0;
-    std::string_view text = cron::without_leading_blanks(period);
-    if (equal_folded(text, "never")) return 1;
-    if (text.empty() || text.front() == '#') return 0;
-    for (const cron::Alias &alias : cron::kAliases)
-        if (equal_folded(text, alias.word)) text = alias.period;
-    if (ctx->cron == nullptr || ctx->cron->thread == nullptr)
-        if (!cm_cron_start(ctx)) return 0;
-    cm_cron *scheduler = ctx->cron;
-
-    auto *task = static_cast<cm_cron_rec *>(shared_allocate(ctx, sizeof(cm_cron_rec)));
-    if (task == nullptr) return 0;
-    memset(task, 0, sizeof *task);
-    const bool at_start = equal_folded(text, "startup"), at_stop = equal_folded(text, "shutdown");
-    const std::string_view whole = text;
-    bool valid = true;
-    if (at_start || at_stop)
-        text = {};
-    else
-        valid = cron::parse_period(text, cron::sets_of(task));
-
-    // What is left behind the fields is the command, where an argument does not stand in for it.  With a function a
-    // period that did not parse is registered all the same, with the sets that were filled.
-    const char *command = text.empty() ? reinterpret_cast<const char *>(argument) : text.data();
-    if (function == nullptr && (!valid || command == nullptr || *command == '\0')) return 0;
-    if (function == nullptr) function = cron::function_of(scheduler, command);
-    if (argument == 0 && valid && !text.empty()) {
-        argument = reinterpret_cast<cm_value>(cron::copy_text(ctx, text));
-        if (argument == 0) return 0;
+    switch (cron::kind_of(period)) {
+        case cron::PeriodKind::kNever:
+            return 1;
+        case cron::PeriodKind::kNone:
+            return 0;
+        default:
+            break;
     }
-    std::string_view fields = whole;
-    fields.remove_suffix(text.size());
-    while (!fields.empty() && is_space(fields.back())) fields.remove_suffix(1);
-    task->ctx = ctx;
-    task->origin = origin;
-    task->threaded = threaded;
-    task->argument = argument;
-    task->function = function;
-    task->name = cron::copy_text(ctx, name);
-    task->period = cron::copy_text(ctx, fields);
-    if (task->name == nullptr || task->period == nullptr) return 0;
-    if (!at_start && !at_stop) cron::apply_day_rule(cron::sets_of(task));
-    cron::append(scheduler,
-                 at_start  ? &scheduler->startup
-                 : at_stop ? &scheduler->shutdown
-                           : &scheduler->periodic,
-                 task);
-    return 1;
+    cm_cron *cron = cron::started(ctx);
+    return cron != nullptr && cron::add_task(cron, name, function, argument, origin, threaded, period);
 }
 
 CM_API int16_t CM_CALL cm_cron_remove(cm_context *ctx, const char *name) {
-    if (ctx == nullptr || ctx->cron == nullptr || name == nullptr) return 0;
-    const MutexGuard guard(ctx->cron->lock);
-    for (cm_cron_rec **task = &ctx->cron->periodic; *task != nullptr; task = &(*task)->next)
+    cm_cron *cron = ctx == nullptr ? nullptr : cron::state_of(ctx);
+    if (cron == nullptr || name == nullptr) return 0;
+    const MutexGuard guard(cron->lock);
+    for (cm_cron_rec **task = &cron->periodic; *task != nullptr; task = &(*task)->next)
         if (strcmp((*task)->name, name) == 0) {
             *task = (*task)->next;
             return 1;

@@ -45,10 +45,15 @@ bool parse_period(std::string_view &text, const Sets &sets);
 void apply_day_rule(const Sets &sets);
 
 // Marks every idle task of a list that a minute after `last` and up to `now` matches (seconds since 1970).  However far
-// the clock jumped, the walk looks at whole days first and ends when nothing is left to mark.
+// the clock jumped, the walk passes over days and hours in which nothing can match, goes back ten years at most, and
+// ends when nothing is left to mark.
 void mark_due(cm_cron_rec *tasks, int64_t last, int64_t now);
 
 // ---- tasks ----------------------------------------------------------------------------------------------------------
+
+// cm_cron_task for a scheduler that is there, and may have been told to stop meanwhile.
+bool add_task(cm_cron *cron, const char *name, cm_task_fn function, cm_value argument, int32_t origin, int32_t threaded,
+              const char *period);
 
 // One round of the scheduler at that time: reload of schedule.ini, marking, running.
 void run_round(cm_cron *cron, int64_t now);

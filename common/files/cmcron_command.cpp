@@ -91,13 +91,14 @@ private:
     bool made_[3] = {};
 };
 
-// Waits for the end of a command; true when it ended by itself.
+// Waits for the end of a command; true when it ended by itself.  The end of the library ends it too, without a word.
 bool wait_for_end(cm_context *ctx, platform::Process *process, const char *command) {
     const int64_t limit = int64_t{ctx->sched_task_timeout} * 1000;
-    if (os.process_wait(process, limit > INT32_MAX ? INT32_MAX : static_cast<int32_t>(limit), nullptr)) return true;
+    int32_t code;  // whatever it is, the command has run
+    if (os.process_wait(process, limit > INT32_MAX ? INT32_MAX : static_cast<int32_t>(limit), &code)) return true;
     os.process_kill(process);
-    os.process_wait(process, kEndWait, nullptr);
-    report(ctx, CM_ERROR, "CRON process timeout: %s", command);
+    os.process_wait(process, kEndWait, &code);
+    if (!os.thread_asked()) report(ctx, CM_ERROR, "CRON process timeout: %s", command);
     return false;
 }
 

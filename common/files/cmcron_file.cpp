@@ -25,6 +25,7 @@ constexpr AliasSection kAliasSections[] = {{"hourly", "0 * * * *"},  {"daily", "
 // An open schedule.ini with the names that its messages quote.
 struct Schedule {
     cm_context *ctx;
+    cm_cron *cron;
     cm_file *file;
     char section[kNameSize];
 
@@ -65,7 +66,7 @@ bool load_cron_section(Schedule &schedule) {
         if (!cm_next_line(schedule.file, line, &found)) return schedule.fail_loading();
         if (found != 1) return true;
         const bool threaded = take_ampersand(line);
-        if (!cm_cron_task(schedule.ctx, line, nullptr, 0, kOriginCronSection, threaded, line))
+        if (!add_task(schedule.cron, line, nullptr, 0, kOriginCronSection, threaded, line))
             return schedule.fail_scheduling();
     }
 }
@@ -79,8 +80,8 @@ bool load_alias_section(Schedule &schedule, const char *period) {
         const bool threaded = take_ampersand(command);
         const char *copy = nullptr;
         if (!shared_text(schedule.ctx, command, CM_LEN_TEXT, &copy, nullptr) ||
-            !cm_cron_task(schedule.ctx, name, nullptr, reinterpret_cast<cm_value>(copy), kOriginAliasSection, threaded,
-                          period))
+            !add_task(schedule.cron, name, nullptr, reinterpret_cast<cm_value>(copy), kOriginAliasSection, threaded,
+                      period))
             return schedule.fail_scheduling();
     }
 }
@@ -112,7 +113,7 @@ bool load_schedule(cm_cron *cron) {
     cron->stamp = status.mtime;
     // Tasks of the alias sections stay and are added once more: a reload has always doubled them.
     unlink_cron_section(cron);
-    Schedule schedule = {ctx, nullptr, {}};
+    Schedule schedule = {ctx, cron, nullptr, {}};
     if (!cm_fopen(ctx, path, CM_O_RDONLY | CM_O_SEQ, &schedule.file)) return false;
     const bool loaded = load_sections(schedule);
     cm_fclose(schedule.file);

@@ -1,6 +1,8 @@
 // Periods: the five fields of a crontab line, and the minutes that they match.
 #include <string.h>
 
+#include <algorithm>
+
 #include "core/cmstring.h"
 #include "core/relaxed.h"
 #include "files/cmcron.h"
@@ -9,7 +11,7 @@
 extern "C" {
 const char *const DowAry[8] = {"sun", "mon", "tue", "wed", "thu", "fri", "sat", nullptr};
 const char *const MonAry[13] = {"jan", "feb", "mar", "apr", "may", "jun",  "jul",
-                                       "aug", "sep", "oct", "nov", "dec", nullptr};
+                                "aug", "sep", "oct", "nov", "dec", nullptr};
 }
 
 namespace cm::cron {
@@ -20,6 +22,8 @@ constexpr int32_t kMinutes = 60, kHours = 24, kDays = 32, kMonths = 12, kWeekday
 constexpr int32_t kMaximumSteps = 1024;    // of the walk from the low to the high value
 constexpr int32_t kLargestNumber = 99999;  // more digits change nothing: no field reaches it
 constexpr int64_t kQuarterHour = 900;      // zone changes happen on quarters of an hour
+constexpr int64_t kLookBack =
+    int64_t{3660} * 86400;  // in ten years every minute that a period can name comes at least once
 
 bool is_blank(char c) {
     return c == ' ' || c == '\t' || c == '\n';
@@ -96,15 +100,33 @@ bool is_idle(const cm_cron_rec &task) {
     return load_relaxed(task.state) == kIdle;
 }
 
-// Whether some idle task can be due in the hour of `local`.
-bool hour_matters(const cm_cron_rec *tasks, const cm_tm &local, bool *out_any_idle) {
-    *out_any_idle = false;
+// What the idle tasks have to do with a time: the nearest of them decides.
+enum class Outlook { kNobodyIdle, kNotThatDay, kNotThatHour, kPossible };
+
+Outlook outlook(const cm_cron_rec *tasks, const cm_tm &local) {
+    Outlook best = Outlook::kNobodyIdle;
     for (const cm_cron_rec *task = tasks; task != nullptr; task = task->next) {
         if (!is_idle(*task)) continue;
-        *out_any_idle = true;
-        if (task->hour[local.hour] && matches_day(*task, local)) return true;
+        if (!matches_day(*task, local))
+            best = best == Outlook::kNobodyIdle ? Outlook::kNotThatDay : best;
+        else if (!task->hour[local.hour])
+            best = Outlook::kNotThatHour;
+        else
+            return Outlook::kPossible;
     }
-    return false;
+    return best;
+}
+
+int64_t next_quarter(int64_t minute) {
+    return minute + kQuarterHour - minute % kQuarterHour;
+}
+
+// The first minute of the next day, or of the next quarter of an hour on a day that the zone cuts short.
+int64_t next_day(int64_t minute, const cm_tm &local) {
+    const int64_t midnight = minute + int64_t{(24 * 60 - local.hour * 60 - local.min)} * 60;
+    cm_tm before;
+    const bool whole = platform::os.local_calendar(midnight - 60, &before) && before.mday == local.mday;
+    return whole ? midnight : next_quarter(minute);
 }
 
 void mark_minute(cm_cron_rec *tasks, const cm_tm &local) {
@@ -145,19 +167,23 @@ void apply_day_rule(const Sets &sets) {
 }
 
 void mark_due(cm_cron_rec *tasks, int64_t last, int64_t now) {
-    int64_t minute = last - last % 60 + 60;
+    int64_t minute = std::max(last - last % 60 + 60, now - now % 60 - kLookBack);
     while (minute <= now) {
         cm_tm local;
         if (!platform::os.local_calendar(minute, &local)) return;
-        bool any_idle;
-        const bool matters = hour_matters(tasks, local, &any_idle);
-        if (!any_idle) return;
-        if (!matters) {
-            minute += kQuarterHour - minute % kQuarterHour;
-            continue;
+        switch (outlook(tasks, local)) {
+            case Outlook::kNobodyIdle:
+                return;
+            case Outlook::kNotThatDay:
+                minute = next_day(minute, local);
+                break;
+            case Outlook::kNotThatHour:
+                minute = next_quarter(minute);
+                break;
+            case Outlook::kPossible:
+                mark_minute(tasks, local);
+                minute += 60;
         }
-        mark_minute(tasks, local);
-        minute += 60;
     }
 }
 

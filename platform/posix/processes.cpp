@@ -26,6 +26,7 @@ namespace cm::platform {
 // names nobody else as long as there is a record.
 struct Process {
     pid_t id = -1;
+    bool killed = false;
     bool gone = false;  // somebody else took the zombie: the number may be a stranger's by now
     int handle = -1;    // readable once the child has ended; -1: not to be had, so it is asked for now and then
     Process *next = nullptr;
@@ -249,6 +250,8 @@ bool has_ended(Process *process, int32_t *out_exit_code) {
     siginfo_t info = {};
     const int result =
         repeat([&] { return waitid(P_PID, static_cast<id_t>(process->id), &info, WEXITED | WNOWAIT | WNOHANG); });
+    int32_t ignored;
+    if (out_exit_code == nullptr) out_exit_code = &ignored;
     if (result != 0) {
         *out_exit_code = -1;
         process->gone = errno == ECHILD;
@@ -259,11 +262,16 @@ bool has_ended(Process *process, int32_t *out_exit_code) {
     return true;
 }
 
+// The thread was asked to end, which does not end the wait for a child that is about to go.
+bool gives_up(const Process *process) {
+    return !process->killed && thread_asked();
+}
+
 // Waits until the child has ended or time is up, or for a while where the system cannot tell the end.
 bool wait_for_end(const Process *process, int32_t left_ms) {
-    if (process->handle == -1) return sleep(left_ms == kForever ? 10 : std::min(left_ms, 10));
+    if (process->handle == -1) left_ms = left_ms == kForever ? 10 : std::min(left_ms, 10);
     pollfd entry = {process->handle, POLLIN, 0};
-    return poll(&entry, 1, left_ms) >= 0 || (errno == EINTR && !thread_asked());
+    return poll(&entry, 1, left_ms) >= 0 || (errno == EINTR && !gives_up(process));
 }
 
 }  // namespace
@@ -293,11 +301,12 @@ bool process_wait(Process *process, int32_t timeout_ms, int32_t *out_exit_code) 
     for (;;) {
         if (has_ended(process, out_exit_code)) return true;
         const int32_t left = limit.left_ms();
-        if (left == 0 || thread_asked() || !wait_for_end(process, left)) return false;
+        if (left == 0 || gives_up(process) || !wait_for_end(process, left)) return false;
     }
 }
 
 void process_kill(Process *process) {
+    process->killed = true;
     if (!process->gone) kill(-process->id, SIGKILL);
 }
 

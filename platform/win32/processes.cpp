@@ -10,6 +10,7 @@ struct Process {
     HANDLE handle;
     HANDLE job;
     DWORD id;
+    bool killed;  // about to go: the wait for it lasts even when the thread was asked to end
 };
 
 namespace win32 {
@@ -121,8 +122,9 @@ Error process_start(const char *command, const char *directory, const int32_t st
 bool process_wait(Process *process, int32_t timeout_ms, int32_t *out_exit_code) {
     const DWORD limit = timeout_ms < 0 ? INFINITE : static_cast<DWORD>(timeout_ms);
     const Thread *thread = self();
-    const HANDLE handles[2] = {process->handle, thread != nullptr ? thread->ask : nullptr};
-    if (WaitForMultipleObjects(thread != nullptr ? 2 : 1, handles, FALSE, limit) != WAIT_OBJECT_0) return false;
+    const bool may_be_asked = thread != nullptr && !process->killed;
+    const HANDLE handles[2] = {process->handle, may_be_asked ? thread->ask : nullptr};
+    if (WaitForMultipleObjects(may_be_asked ? 2 : 1, handles, FALSE, limit) != WAIT_OBJECT_0) return false;
     DWORD code = 0;
     GetExitCodeProcess(process->handle, &code);
     if (out_exit_code != nullptr) *out_exit_code = static_cast<int32_t>(code);
@@ -130,6 +132,7 @@ bool process_wait(Process *process, int32_t timeout_ms, int32_t *out_exit_code) 
 }
 
 void process_kill(Process *process) {
+    process->killed = true;
     if (process->job == nullptr || !TerminateJobObject(process->job, 1)) TerminateProcess(process->handle, 1);
 }
 
