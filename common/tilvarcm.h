@@ -1286,7 +1286,7 @@ CM_API int16_t CM_CALL cm_net_recvfrom(cm_net_state *state, cm_conn *conn, void 
  * A look-up asks, in this order, the address cache ("Cache DNS Interval"), the hosts files, the hook, and then either the
  * configured server, for which the network must be started, or the system.
  *
- * Both files are in the configuration folder and read anew for every look-up.  Lines that begin with "#" are remarks;
+ * Both files are in the configuration folder; an edit counts at once.  Lines that begin with "#" are remarks;
  * an empty line hides the rest of the file.
  *   hosts    ADDRESS NAME [NAME ...]         the first match counts; with "DNS Wildcards" names may hold "*" and "?"
  *   mxhosts  DOMAIN PREFERENCE EXCHANGER     the same, several lines for several exchangers
@@ -1315,8 +1315,6 @@ struct cm_dns_state {
     cm_mutex   *mutex;
     cm_dns_hook hook;            /* the host's, set before threads look names up */
     cm_value    hook_argument;
-    /* hidden */
-    void       *records;         /* what the buckets point into, under mutex */
 };
 #define CM_DNS_WILDCARDS 0x1
 #define CM_DNS_BUFFER    512

@@ -128,7 +128,7 @@ using namespace cm::dns;
 
 int16_t cm_dns_init(cm_context *ctx) {
     if (ctx == nullptr) return 0;
-    auto *state = static_cast<cm_dns_state *>(cm::shared_allocate(ctx, sizeof(cm_dns_state)));
+    auto *state = static_cast<State *>(cm::shared_allocate(ctx, sizeof(State)));
     if (state == nullptr) return 0;
     *state = {};
     state->ttl = 3600;
@@ -153,7 +153,7 @@ int16_t cm_dns_optimize(cm_context *ctx) {
 int16_t cm_dns_exit(cm_context *ctx) {
     if (ctx == nullptr) return 0;
     if (ctx->dns == nullptr) return 1;
-    forget_records(ctx->dns);
+    forget_records(state_of(ctx));
     cm_delete_mutex(ctx->dns->mutex);
     ctx->dns = nullptr;
     return 1;

@@ -10,9 +10,33 @@
 #include <string_view>
 
 #include "net/dns_message.h"
+#include "platform/platform.h"
 #include "tilvarcm.h"
 
 namespace cm::dns {
+
+// What tells a file from the file it was: equal stamps, equal content.
+struct Stamp {
+    bool exists = false;
+    int32_t mtime_ns = 0;
+    int64_t mtime = 0;
+    uint64_t size = 0, index = 0;
+
+    bool operator==(const Stamp &) const = default;
+};
+Stamp stamp_of(const platform::FileStatus &status);
+Stamp stamp_of(const char *path);  // of a file that is not there: the default
+
+struct Records;
+
+// What every context's resolver state is; the fields of its own under its mutex.
+struct State : cm_dns_state {
+    Stamp empty_hosts, empty_exchangers;  // files that held no line when they were read
+    Records *records;                     // what the buckets point into
+};
+inline State *state_of(cm_context *ctx) {
+    return static_cast<State *>(ctx->dns);
+}
 
 // ---- files ----------------------------------------------------------------------------------------------------------
 
@@ -25,11 +49,18 @@ struct HostsVisitor {
     void *self;
 };
 
-// Reads an open file line by line: blanks lead nowhere, "#" begins a comment line, an empty line ends it all.
-void read_hosts(cm_file *file, const HostsVisitor &visitor);
+// Where a file's bytes come from: `read` gives fewer than `size` at the end.
+struct HostsSource {
+    size_t (*read)(void *self, char *buffer, size_t size);
+    void *self;
+};
 
-// Reads the file of that path, when there is one.
-void read_hosts(cm_context *ctx, const char *path, const HostsVisitor &visitor);
+// Reads a file line by line: lines of blanks mean nothing, "#" begins a remark, an empty line ends it all.  True when
+// there was no other line.
+bool read_hosts(const HostsSource &source, const HostsVisitor &visitor);
+
+// The same of the file of that path, when there is one.
+void read_hosts(const char *path, const HostsVisitor &visitor);
 
 // Whether the name of a file's line is the name that is looked for.
 bool names_match(const cm_dns_state *state, std::string_view of_line, std::string_view name);
@@ -56,6 +87,6 @@ bool ask(cm_context *ctx, std::string_view name, uint16_t type, Answer *out);
 // ---- own server -----------------------------------------------------------------------------------------------------
 
 // Gives up the record table.
-void forget_records(cm_dns_state *state);
+void forget_records(State *state);
 
 }  // namespace cm::dns

@@ -1,33 +1,52 @@
-// The hosts file and the mail-exchanger file.  They are read anew for every look-up, so that an edit counts at once.
+// The hosts file and the mail-exchanger file.  They are read anew for every look-up, so that an edit counts at once;
+// but of a file that held no line, as most do, it is enough to see that it is still the same.
 #include <string.h>
 
 #include "core/cmstring.h"
+#include "core/cmthread.h"
 #include "files/cmdir.h"
 #include "net/address.h"
 #include "net/cmdns.h"
+#include "platform/platform.h"
+
+using cm::platform::FileStatus;
+using cm::platform::os;
 
 namespace cm::dns {
 namespace {
 
 constexpr size_t kLongestLine = 1024, kLongestAddress = 30, kLongestName = kNameSize - 1;
-constexpr int32_t kPieceSize = 4096;
+constexpr size_t kPieceSize = 4096;
+constexpr int64_t kRacySeconds = 2;  // a second change that soon might leave the same time behind
 
-class FileCloser {
+// An open file, without the handle that callers of the library get: a look-up has no time for that.
+class File {
 public:
-    ~FileCloser() {
-        if (file_ != nullptr) cm_fclose(file_);
+    explicit File(const char *path) {
+        if (os.file_open(path, CM_O_RDONLY | CM_O_BINARY | CM_O_SEQ, &descriptor_) != 0) descriptor_ = kNone;
     }
-    cm_file **out() { return &file_; }
-    cm_file *get() const { return file_; }
+    ~File() {
+        if (is_open()) os.file_close(descriptor_);
+    }
+    File(const File &) = delete;
+    File &operator=(const File &) = delete;
+
+    bool is_open() const { return descriptor_ != kNone; }
+    bool status(FileStatus *out) const { return os.file_status(descriptor_, out) == 0; }
+    static size_t read(void *self, char *buffer, size_t size) {
+        size_t got = 0;
+        return os.file_read(static_cast<File *>(self)->descriptor_, buffer, size, &got) == 0 ? got : 0;
+    }
 
 private:
-    cm_file *file_ = nullptr;
+    static constexpr int32_t kNone = -1;
+    int32_t descriptor_ = kNone;
 };
 
 // Lines of a file, cut to 1024 bytes.  A carriage return before the line feed belongs to the line's end.
 class Lines {
 public:
-    explicit Lines(cm_file *file) : file_(file) {}
+    explicit Lines(const HostsSource &source) : source_(source) {}
 
     bool next(std::string_view *out) {
         bool whole = false, any = false;
@@ -48,9 +67,9 @@ public:
 
 private:
     bool fill() {
-        int32_t got = 0;
-        begin_ = end_ = 0;
-        if (cm_fread(file_, piece_, kPieceSize, &got) != 0 && got > 0) end_ = static_cast<size_t>(got);
+        begin_ = 0;
+        end_ = ended_ ? 0 : source_.read(source_.self, piece_, sizeof piece_);
+        ended_ = end_ < sizeof piece_;  // less than asked for is the end
         return end_ > 0;
     }
     // A line that began in the piece before.
@@ -61,8 +80,9 @@ private:
         return {joined_, begun.size() + taken};
     }
 
-    cm_file *const file_;
+    const HostsSource source_;
     size_t begin_ = 0, end_ = 0;
+    bool ended_ = false;
     char piece_[kPieceSize];
     char joined_[kLongestLine];
 };
@@ -103,25 +123,64 @@ bool visit_exchangers(std::string_view domain, std::string_view rest, const Host
     return !parse_preference(number, &preference) || visitor.exchanger(visitor.self, domain, preference, name);
 }
 
+// Remembers a file that was read and held no line.  What changed a moment ago may change again without looking
+// different, and is not remembered.
+void remember_empty(cm_dns_state *state, const File &file, Stamp *empty) {
+    FileStatus status;
+    platform::WallTime now = {};
+    if (!file.status(&status) || !os.wall_clock(&now) || status.mtime + kRacySeconds > now.seconds) return;
+    const MutexGuard guard(state->mutex);
+    *empty = stamp_of(status);
+}
+
+bool is_known_empty(cm_dns_state *state, const char *path, const Stamp *empty) {
+    Stamp known;
+    {
+        const MutexGuard guard(state->mutex);
+        known = *empty;
+    }
+    return known.exists && stamp_of(path) == known;
+}
+
+// A file of a look-up.
+void search(cm_dns_state *state, const char *path, Stamp *empty, const HostsVisitor &visitor) {
+    if (path == nullptr || is_known_empty(state, path, empty)) return;
+    File file(path);
+    if (file.is_open() && read_hosts({File::read, &file}, visitor)) remember_empty(state, file, empty);
+}
+
 }  // namespace
 
-void read_hosts(cm_file *file, const HostsVisitor &visitor) {
-    Lines lines(file);
+bool read_hosts(const HostsSource &source, const HostsVisitor &visitor) {
+    Lines lines(source);
     std::string_view line;
+    bool any = false;
     // Kept: an empty line hides everything behind it.
     while (lines.next(&line) && !line.empty()) {
         const std::string_view first = next_token(&line);
         if (first.empty() || first.front() == '#') continue;
+        any = true;
         const bool go_on =
             visitor.host != nullptr ? visit_hosts(first, line, visitor) : visit_exchangers(first, line, visitor);
-        if (!go_on) return;
+        if (!go_on) break;
     }
+    return !any;
 }
 
-void read_hosts(cm_context *ctx, const char *path, const HostsVisitor &visitor) {
-    FileCloser file;
-    if (path != nullptr && cm_fopen(ctx, path, CM_O_RDONLY | CM_O_BINARY | CM_O_SEQ, file.out()) != 0)
-        read_hosts(file.get(), visitor);
+void read_hosts(const char *path, const HostsVisitor &visitor) {
+    if (path == nullptr) return;
+    File file(path);
+    if (file.is_open()) read_hosts({File::read, &file}, visitor);
+}
+
+Stamp stamp_of(const FileStatus &status) {
+    return {true, status.mtime_ns, status.mtime, status.size, status.index};
+}
+
+Stamp stamp_of(const char *path) {
+    FileStatus status;
+    if (path == nullptr || os.path_status(path, true, &status) != 0) return {};
+    return stamp_of(status);
 }
 
 bool names_match(const cm_dns_state *state, std::string_view of_line, std::string_view name) {
@@ -137,7 +196,7 @@ bool hosts_address(cm_context *ctx, std::string_view name, uint32_t *out_address
         std::string_view name;
         uint32_t *out;
         bool found;
-    } search = {ctx->dns, name, out_address, false};
+    } asked = {ctx->dns, name, out_address, false};
     const auto take = [](void *self, uint32_t address, std::string_view of_line) {
         auto *wanted = static_cast<Search *>(self);
         if (!names_match(wanted->state, of_line, wanted->name)) return true;
@@ -145,8 +204,8 @@ bool hosts_address(cm_context *ctx, std::string_view name, uint32_t *out_address
         wanted->found = true;
         return false;
     };
-    read_hosts(ctx, ctx->dns->hosts_path, {take, nullptr, &search});
-    return search.found;
+    search(ctx->dns, ctx->dns->hosts_path, &state_of(ctx)->empty_hosts, {take, nullptr, &asked});
+    return asked.found;
 }
 
 bool hosts_name(cm_context *ctx, uint32_t address, char *out_name) {
@@ -154,7 +213,7 @@ bool hosts_name(cm_context *ctx, uint32_t address, char *out_name) {
         uint32_t address;
         char *out;
         bool found;
-    } search = {address, out_name, false};
+    } asked = {address, out_name, false};
     const auto take = [](void *self, uint32_t of_line, std::string_view name) {
         auto *wanted = static_cast<Search *>(self);
         // A pattern or the beginning of a remark is no name to give out.
@@ -164,8 +223,8 @@ bool hosts_name(cm_context *ctx, uint32_t address, char *out_name) {
         wanted->found = true;
         return false;
     };
-    read_hosts(ctx, ctx->dns->hosts_path, {take, nullptr, &search});
-    return search.found;
+    search(ctx->dns, ctx->dns->hosts_path, &state_of(ctx)->empty_hosts, {take, nullptr, &asked});
+    return asked.found;
 }
 
 bool hosts_exchangers(cm_context *ctx, std::string_view domain, Answer *out) {
@@ -173,14 +232,14 @@ bool hosts_exchangers(cm_context *ctx, std::string_view domain, Answer *out) {
         const cm_dns_state *state;
         std::string_view domain;
         Answer *out;
-    } search = {ctx->dns, domain, out};
+    } asked = {ctx->dns, domain, out};
     const auto take = [](void *self, std::string_view of_line, uint16_t preference, std::string_view name) {
         auto *wanted = static_cast<Search *>(self);
         if (names_match(wanted->state, of_line, wanted->domain)) add_exchanger(wanted->out, preference, name);
         return true;
     };
     out->count = 0;
-    read_hosts(ctx, ctx->dns->mx_path, {nullptr, take, &search});
+    search(ctx->dns, ctx->dns->mx_path, &state_of(ctx)->empty_exchangers, {nullptr, take, &asked});
     return out->count > 0;
 }
 

@@ -12,7 +12,6 @@
 #include "net/cmdns.h"
 #include "net/cmnet.h"
 
-using cm::platform::FileStatus;
 using cm::platform::os;
 
 namespace cm::dns {
@@ -32,14 +31,6 @@ struct Record {
     std::string_view name, target;
 };
 
-struct Stamp {
-    int64_t mtime = -1;
-    int32_t mtime_ns = 0;
-    uint64_t size = 0, index = 0;
-
-    bool operator==(const Stamp &) const = default;
-};
-
 }  // namespace
 
 // Under the state's mutex, like the buckets.
@@ -52,35 +43,25 @@ struct Records {
 
 namespace {
 
-Records *records_of(const cm_dns_state *state) {
-    return static_cast<Records *>(state->records);
-}
-
 size_t bucket_of(std::string_view name) {
     uint32_t hash = 0;
     for (const char c : name) hash = hash * 31 + static_cast<uint8_t>(fold(c));
     return hash % kBuckets;
 }
 
-Record *first_of(const cm_dns_state *state, std::string_view name) {
+Record *first_of(const State *state, std::string_view name) {
     return static_cast<Record *>(state->bucket[bucket_of(name)]);
 }
 
 // ---- loading --------------------------------------------------------------------------------------------------------
 
-Stamp stamp_of(const char *path) {
-    FileStatus status;
-    if (path == nullptr || os.path_status(path, true, &status) != 0) return {};
-    return {status.mtime, status.mtime_ns, status.size, status.index};
-}
-
 class Loader {
 public:
-    Loader(cm_context *ctx, cm_mem_pool *pool) : state_(ctx->dns), pool_(pool) {}
+    Loader(State *state, cm_mem_pool *pool) : state_(state), pool_(pool) {}
 
-    bool load(cm_context *ctx) {
-        read_hosts(ctx, state_->hosts_path, {take_host, nullptr, this});
-        if (!failed_) read_hosts(ctx, state_->mx_path, {nullptr, take_exchanger, this});
+    bool load() {
+        read_hosts(state_->hosts_path, {take_host, nullptr, this});
+        if (!failed_) read_hosts(state_->mx_path, {nullptr, take_exchanger, this});
         return !failed_;
     }
 
@@ -134,21 +115,21 @@ private:
         if (last_[bucket] != nullptr)
             last_[bucket]->next = record;
         else if (pattern)
-            records_of(state_)->patterns = record;
+            state_->records->patterns = record;
         else
             state_->bucket[bucket] = record;
         last_[bucket] = record;
     }
 
-    cm_dns_state *const state_;
+    State *const state_;
     cm_mem_pool *const pool_;
     Record *last_[kBuckets + 1] = {};
     uint32_t order_ = 0;
     bool failed_ = false;
 };
 
-void clear(cm_dns_state *state) {
-    Records *records = records_of(state);
+void clear(State *state) {
+    Records *records = state->records;
     if (records->pool != nullptr) cm_mem_exit(records->pool);
     *records = {};
     memset(state->bucket, 0, sizeof state->bucket);
@@ -156,16 +137,16 @@ void clear(cm_dns_state *state) {
 
 // Under the mutex: the records as the files are now.
 bool refresh(cm_context *ctx) {
-    cm_dns_state *state = ctx->dns;
-    if (state->records == nullptr) state->records = os.allocate_zeroed(sizeof(Records));
-    Records *records = records_of(state);
+    State *state = state_of(ctx);
+    if (state->records == nullptr) state->records = static_cast<Records *>(os.allocate_zeroed(sizeof(Records)));
+    Records *records = state->records;
     if (records == nullptr) return false;
     const int64_t now = os.monotonic_ms();
     if (records->pool != nullptr && now - records->checked_ms < kCheckMs) return true;
     const Stamp hosts = stamp_of(state->hosts_path), exchangers = stamp_of(state->mx_path);
     if (records->pool == nullptr || hosts != records->hosts || exchangers != records->exchangers) {
         clear(state);
-        if (cm_mem_init(ctx, &records->pool, kPoolBlockSize) == 0 || !Loader(ctx, records->pool).load(ctx)) {
+        if (cm_mem_init(ctx, &records->pool, kPoolBlockSize) == 0 || !Loader(state, records->pool).load()) {
             clear(state);
             return false;
         }
@@ -181,7 +162,7 @@ bool refresh(cm_context *ctx) {
 // Walks the records of a type that match a name: first those of that very name, then patterns.
 class Matches {
 public:
-    Matches(const cm_dns_state *state, uint16_t type, std::string_view name)
+    Matches(const State *state, uint16_t type, std::string_view name)
         : state_(state), type_(type), name_(name), at_(first_of(state, name)) {}
 
     const Record *next() {
@@ -189,7 +170,7 @@ public:
             if (at_ == nullptr) {
                 if (in_patterns_) return nullptr;
                 in_patterns_ = true;
-                at_ = records_of(state_)->patterns;
+                at_ = state_->records->patterns;
                 continue;
             }
             const Record *record = at_;
@@ -199,7 +180,7 @@ public:
     }
 
 private:
-    const cm_dns_state *const state_;
+    const State *const state_;
     const uint16_t type_;
     const std::string_view name_;
     const Record *at_;
@@ -207,7 +188,7 @@ private:
 };
 
 // The name's first line decides; further addresses are those of lines with the same name.
-void find_addresses(const cm_dns_state *state, std::string_view name, Answer *out) {
+void find_addresses(const State *state, std::string_view name, Answer *out) {
     const Record *first = nullptr;
     Matches candidates(state, kTypeA, name);
     while (const Record *record = candidates.next())
@@ -218,12 +199,12 @@ void find_addresses(const cm_dns_state *state, std::string_view name, Answer *ou
             out->addresses[out->count++] = record->address;
 }
 
-void find_name(const cm_dns_state *state, std::string_view name, Answer *out) {
+void find_name(const State *state, std::string_view name, Answer *out) {
     const Record *record = Matches(state, kTypePtr, name).next();
     if (record != nullptr) add_exchanger(out, 0, record->target);
 }
 
-void find_exchangers(const cm_dns_state *state, std::string_view name, Answer *out) {
+void find_exchangers(const State *state, std::string_view name, Answer *out) {
     Matches matches(state, kTypeMx, name);
     while (const Record *record = matches.next()) add_exchanger(out, record->preference, record->target);
 }
@@ -232,21 +213,21 @@ void find_exchangers(const cm_dns_state *state, std::string_view name, Answer *o
 // addresses of the longer kind anywhere: otherwise the two would come from different hosts.
 bool find_local(cm_context *ctx, const Question &question, Answer *out) {
     const std::string_view name(question.name, question.name_length);
-    const MutexGuard guard(ctx->dns->mutex);
+    const MutexGuard guard(state_of(ctx)->mutex);
     out->count = 0;
     if ((question.class_ != kClassIn && question.class_ != kClassAny) || !refresh(ctx)) return false;
     switch (question.type) {
         case kTypeA:
-            find_addresses(ctx->dns, name, out);
+            find_addresses(state_of(ctx), name, out);
             return out->count > 0;
         case kTypePtr:
-            find_name(ctx->dns, name, out);
+            find_name(state_of(ctx), name, out);
             return out->count > 0;
         case kTypeMx:
-            find_exchangers(ctx->dns, name, out);
+            find_exchangers(state_of(ctx), name, out);
             return out->count > 0;
         case kTypeAaaa:
-            return Matches(ctx->dns, kTypeA, name).next() != nullptr;
+            return Matches(state_of(ctx), kTypeA, name).next() != nullptr;
         default:
             return false;
     }
@@ -254,7 +235,7 @@ bool find_local(cm_context *ctx, const Question &question, Answer *out) {
 
 // ---- replies --------------------------------------------------------------------------------------------------------
 
-bool put_record(Writer &out, uint8_t *buffer, const cm_dns_state *state, const Question &question, const Answer &answer,
+bool put_record(Writer &out, uint8_t *buffer, const State *state, const Question &question, const Answer &answer,
                 size_t i) {
     if (!out.name({question.name, question.name_length}) || !out.number(question.type) || !out.number(kClassIn) ||
         !out.number32(static_cast<uint32_t>(state->ttl)))
@@ -269,7 +250,7 @@ bool put_record(Writer &out, uint8_t *buffer, const cm_dns_state *state, const Q
 }
 
 // Gives its length, 0 when not even the question fits.
-size_t build_reply(const cm_dns_state *state, const Message &request, const Question &question, const Answer &answer,
+size_t build_reply(const State *state, const Message &request, const Question &question, const Answer &answer,
                    uint8_t (&buffer)[CM_DNS_BUFFER]) {
     Writer out(buffer, sizeof buffer);
     out.zeros(kHeaderSize);
@@ -348,7 +329,7 @@ bool admit_error_reply() {
 
 }  // namespace
 
-void forget_records(cm_dns_state *state) {
+void forget_records(State *state) {
     if (state->records == nullptr) return;
     clear(state);
     os.release(state->records);
@@ -382,7 +363,7 @@ int16_t cm_dns_localrecord(cm_context *ctx, cm_net_state *net, cm_conn *listener
     Answer answer;
     uint8_t reply[CM_DNS_BUFFER];
     const bool local = find_local(ctx, question, &answer);
-    const size_t length = local ? build_reply(ctx->dns, message, question, answer, reply) : 0;
+    const size_t length = local ? build_reply(state_of(ctx), message, question, answer, reply) : 0;
     if (cm::admits(ctx, CM_TRACE)) trace_local(ctx, &question, local, answer);
     return length > 0 && send_reply(net, listener, request, reply, length) ? 1 : 0;
 }
@@ -395,13 +376,13 @@ int16_t cm_dns_forward(cm_context *ctx, cm_net_state *net, cm_conn *listener, cm
     uint8_t query[CM_NET_IN_SIZE], answer[CM_NET_IN_SIZE];
     memcpy(query, message.bytes, message.length);
     put_number(query, random_id());
-    const size_t length = exchange(ctx->dns, net, {query, message.length}, question.end, answer, sizeof answer);
+    const size_t length = exchange(state_of(ctx), net, {query, message.length}, question.end, answer, sizeof answer);
     if (length == 0) return 0;
     put_number(answer, message.id());
     answer[2] |= kFlagResponse;
     make_printable(&question);
     char server[cm::net::kDottedSize];
-    cm::net::format_dotted(ctx->dns->primary, server);
+    cm::net::format_dotted(state_of(ctx)->primary, server);
     cm::report(ctx, CM_TRACE, "%s -> %s", question.name, server);
     return send_reply(net, listener, request, answer, length) ? 1 : 0;
 }

@@ -9,50 +9,38 @@ namespace {
 
 constexpr uint8_t kPointer = 0xC0;  // the two high bits of a length byte
 constexpr size_t kLongestLabel = 63, kLongestWireName = 255, kLongestText = kNameSize - 1;
+constexpr size_t kAlwaysShort = kLongestText / 2;  // a byte gives two characters at most, so this need not be counted
 constexpr int kMostJumps = 127;
 constexpr size_t kPointerReach = 0x4000;  // offsets are 14 bits
 constexpr size_t kQuestionRest = 4;       // type and class
 constexpr size_t kRecordRest = 10;        // type, class, time to live, length of data
 
-// Labels of a text as they stand on the wire, the root's included.
-struct WireName {
-    uint8_t bytes[kLongestWireName];
-    size_t length = 0;
-
-    bool encode(std::string_view text);
-
-private:
-    bool close_label(size_t start);
-};
-
-bool WireName::close_label(size_t start) {
-    const size_t label = length - start - 1;
-    if (label == 0 || label > kLongestLabel) return false;
-    bytes[start] = static_cast<uint8_t>(label);
-    return true;
-}
-
-bool WireName::encode(std::string_view text) {
-    size_t start = 0;
-    length = 1;  // the first label's length byte
-    if (text.empty()) return false;
+// Writes the labels of a text, the root's included, as they stand on the wire; kLongestWireName bytes at most, of which
+// those behind the result are scratch.  Gives their length, 0 when the text is no name.
+size_t encode_name(std::string_view text, uint8_t *out) {
+    size_t start = 0, length = 1;  // of the label under way: where its length byte is; behind its last byte
+    const auto close_label = [&] {
+        const size_t label = length - start - 1;
+        out[start] = static_cast<uint8_t>(label);
+        return label > 0 && label <= kLongestLabel;
+    };
     for (size_t i = 0; i < text.size(); i++) {
-        if (length >= kLongestWireName) return false;
+        if (length >= kLongestWireName) return 0;
         if (text[i] == '.') {
-            if (!close_label(start)) return false;
+            if (!close_label()) return 0;
             start = length++;
             continue;
         }
-        if (text[i] == '\\' && ++i == text.size()) return false;
-        bytes[length++] = static_cast<uint8_t>(text[i]);
+        if (text[i] == '\\' && ++i == text.size()) return 0;
+        out[length++] = static_cast<uint8_t>(text[i]);
     }
     if (length - start == 1 && start > 0) {  // a full stop at the end
-        bytes[start] = 0;
-        return true;
+        out[start] = 0;
+        return length;
     }
-    if (length >= kLongestWireName || !close_label(start)) return false;
-    bytes[length++] = 0;
-    return true;
+    if (length >= kLongestWireName || !close_label()) return 0;
+    out[length] = 0;
+    return length + 1;
 }
 
 // The text of a name under way.
@@ -77,8 +65,7 @@ public:
 private:
     bool put(char c) {
         if (length_ == kLongestText) return false;
-        if (out_ != nullptr) out_[length_] = c;
-        length_++;
+        out_[length_++] = c;
         return true;
     }
 
@@ -137,13 +124,22 @@ size_t expand_name(const Message &message, size_t offset, char *out, size_t *out
     NameText text(out);
     size_t end = 0;         // behind the name, known at the first pointer
     size_t start = offset;  // of the labels being read; a pointer leads to before them
+    const size_t first = offset;
+    size_t wire = 0;  // bytes of labels
     int jumps = 0;
     for (;;) {
         if (offset >= message.length) return 0;
         const uint8_t head = message.bytes[offset];
         if (head == 0) break;
         if (head <= kLongestLabel) {
-            if (message.length - offset <= head || !text.label(message.bytes + offset + 1, head)) return 0;
+            if (message.length - offset <= head) return 0;
+            wire += 1u + head;
+            if (out != nullptr) {
+                if (!text.label(message.bytes + offset + 1, head)) return 0;
+            } else if (wire > kAlwaysShort) {
+                char scratch[kNameSize];
+                return expand_name(message, first, scratch, nullptr);
+            }
             offset += 1u + head;
             continue;
         }
@@ -238,16 +234,24 @@ void Writer::remember(size_t offset) {
 }
 
 bool Writer::name(std::string_view text) {
-    WireName wire;
-    if (!wire.encode(text)) return false;
+    const size_t room = size_ - length_;
+    uint8_t apart[kLongestWireName];  // where it could not be encoded in its place
+    uint8_t *const wire = room >= kLongestWireName ? buffer_ + length_ : apart;
+    const size_t whole = encode_name(text, wire);
+    if (whole == 0) return false;
     uint16_t known = 0;
     size_t own = 0;  // bytes of labels in front of a suffix that stands in the message already
-    while (wire.bytes[own] != 0 && !find_suffix(wire.bytes + own, &known)) own += 1u + wire.bytes[own];
-    const bool point = wire.bytes[own] != 0;
-    if (size_ - length_ < own + (point ? 2 : 1)) return false;
-    for (size_t label = 0; label < own; label += 1u + wire.bytes[label]) remember(length_ + label);
-    bytes(wire.bytes, own);
-    return point ? number(static_cast<uint16_t>(kPointer << 8 | known)) : zeros(1);
+    if (suffix_count_ > 0)
+        while (wire[own] != 0 && !find_suffix(wire + own, &known)) own += 1u + wire[own];
+    const bool point = known != 0;
+    const size_t length = point ? own + 2 : whole;
+    if (room < length) return false;
+    for (size_t label = 0; wire[label] != 0 && (!point || label < own); label += 1u + wire[label])
+        remember(length_ + label);
+    if (wire == apart) memcpy(buffer_ + length_, wire, length);
+    if (point) put_number(buffer_ + length_ + own, static_cast<uint16_t>(kPointer << 8 | known));
+    length_ += length;
+    return true;
 }
 
 // ---- queries and answers --------------------------------------------------------------------------------------------

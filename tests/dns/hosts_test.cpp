@@ -56,6 +56,35 @@ TEST(Hosts, LongLinesAndNamesAreCut) {
     EXPECT_EQ(world.name("10.0.0.4", false, true), longest);
 }
 
+// A file without a line is not read again until it looks different; one that changed just now is.
+TEST(Hosts, FilesOfNothingAreNotReadAgain) {
+    World world("");
+    static int opened;
+    static decltype(os.file_open) real;
+    real = os.file_open;
+    os.file_open = [](const char *path, int32_t flags, int32_t *out) {
+        opened += string(path).ends_with("/hosts");
+        return real(path, flags, out);
+    };
+    const auto opens = [&] {
+        opened = 0;
+        EXPECT_EQ(world.addresses("host", false, true), "");
+        EXPECT_EQ(world.addresses("host", false, true), "");
+        return opened;
+    };
+    EXPECT_EQ(opens(), 2);  // changed in the future
+    world.clock.set(4000000000);
+    EXPECT_EQ(opens(), 1);
+    EXPECT_EQ(opens(), 0);
+    world.hosts("# another remark\n");
+    EXPECT_EQ(opens(), 1);
+    world.hosts("10.0.0.1 host\n");
+    EXPECT_EQ(world.addresses("host", false, true), "10.0.0.1");
+    world.hosts("10.0.0.1 other\n");
+    EXPECT_EQ(opens(), 2);
+    os.file_open = real;
+}
+
 TEST(Hosts, NameAddressesToo) {
     World world("DNS Wildcards = true");
     world.hosts("10.0.0.1 *.host # first second\n10.0.0.1 third\n10.0.0.2 \"a\" b\n");
