@@ -32,6 +32,8 @@ packages_to_test='
   libgtest-dev /usr/include/gtest/gtest.h
   binutils     nm
   openssl      openssl
+  python3      python3
+  curl         curl
 '
 packages_to_fuzz='
   clang              clang++
@@ -72,13 +74,11 @@ stage() {
   stage_number=$((stage_number + 1))
   printf '[%d/%d] %s ... ' "$stage_number" "$stage_count" "$label"
   if "$@" >"$log" 2>&1; then
-    echo "ok $((SECONDS - begun)) s${stage_note:+, $stage_note}"
-    stage_note=
+    echo "ok $((SECONDS - begun)) s"
     return 0
   fi
   echo "FAILED after $((SECONDS - begun)) s ($log)"
   failed=$((failed + 1))
-  stage_note=
   show_failure "$log"
   return 1
 }
@@ -91,7 +91,7 @@ show_failure() {
 
 # tests NAME LABEL CTEST-ARGUMENTS...: a stage that is a ctest run; its tests are counted one by one.
 tests() {
-  local name=$1 label=$2 begun=$SECONDS log=$logs/$1.log run bad
+  local label=$2 begun=$SECONDS log=$logs/$1.log run bad
   shift 2
   stage_number=$((stage_number + 1))
   printf '[%d/%d] %s ... ' "$stage_number" "$stage_count" "$label"
@@ -115,8 +115,10 @@ tests() {
   return 1
 }
 
-build() {
-  cmake --preset "$1" && cmake --build --preset "$1"
+build() {  # PRESET [--target TARGET...]
+  local preset=$1
+  shift
+  cmake --preset "$preset" && cmake --build --preset "$preset" "$@"
 }
 
 verdict() {
