@@ -14,8 +14,8 @@ struct Field {
     int32_t count, offset;
     const char *const *names;
 };
-const Field kMinutes = {60, 0, nullptr}, kHours = {24, 0, nullptr}, kDays = {32, 0, nullptr}, kMonths = {12, -1, MonAry},
-            kWeekdays = {7, 0, DowAry};
+const Field kMinutes = {60, 0, nullptr}, kHours = {24, 0, nullptr}, kDays = {32, 0, nullptr},
+            kMonths = {12, -1, MonAry}, kWeekdays = {7, 0, DowAry};
 
 struct Parsed {
     bool valid;
@@ -97,7 +97,9 @@ TEST(Field, Table) {
         const Parsed parsed = parse(row.text, row.field);
         EXPECT_EQ(parsed.valid, row.valid) << row.text;
         EXPECT_EQ(parsed.set, row.set) << row.text << " of " << row.field.count;
-        if (row.valid) { EXPECT_EQ(parsed.rest, row.rest) << row.text; }
+        if (row.valid) {
+            EXPECT_EQ(parsed.rest, row.rest) << row.text;
+        }
     }
     EXPECT_TRUE(parse("*/4294967297", kMinutes).valid);  // a step beyond the field: its first value alone
     EXPECT_EQ(parse("*/4294967297", kMinutes).set, std::set<int>{0});
