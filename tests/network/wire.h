@@ -34,7 +34,11 @@ public:
     }
     ~Wire() {
         net::release_body(conn.get());
-        platform::os = saved_;
+        // Its own entries only: the scheduler's thread of a started library reads the others meanwhile.
+        platform::os.socket_send = saved_.socket_send;
+        platform::os.socket_send_file = saved_.socket_send_file;
+        platform::os.socket_receive = saved_.socket_receive;
+        platform::os.socket_wait = saved_.socket_wait;
         current_ = nullptr;
     }
     Wire(const Wire &) = delete;

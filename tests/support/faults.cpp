@@ -152,7 +152,9 @@ LeakCheck::LeakCheck() : saved_(os) {
 }
 
 LeakCheck::~LeakCheck() {
-    os = saved_;
+    os.allocate = saved_.allocate;
+    os.allocate_zeroed = saved_.allocate_zeroed;
+    os.release = saved_.release;
 }
 
 size_t LeakCheck::outstanding() const {
