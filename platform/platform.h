@@ -196,6 +196,8 @@ struct Table {
     Error (*socket_peer)(cm_socket socket, uint32_t *out_address, int32_t *out_port);
     Error (*socket_set_blocking)(cm_socket socket, bool blocking);
     Error (*socket_option)(cm_socket socket, SocketOption option, int32_t value);
+    // Whether the peer's system has confirmed all bytes of a stream; false also where the system does not tell.
+    bool (*socket_all_confirmed)(cm_socket socket);
     Error (*socket_raw_option)(cm_socket socket, int32_t level, int32_t option, const void *value, int32_t length);
     // One system call each; out_count may be less than asked.  A blocking socket's time-out is CM_ETIMEDOUT.
     Error (*socket_send)(cm_socket socket, const Slice *slices, int32_t count, bool more_follows, size_t *out_count);

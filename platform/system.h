@@ -80,6 +80,7 @@ Error socket_local(cm_socket socket, uint32_t *out_address, int32_t *out_port);
 Error socket_peer(cm_socket socket, uint32_t *out_address, int32_t *out_port);
 Error socket_set_blocking(cm_socket socket, bool blocking);
 Error socket_option(cm_socket socket, SocketOption option, int32_t value);
+bool socket_all_confirmed(cm_socket socket);
 Error socket_raw_option(cm_socket socket, int32_t level, int32_t option, const void *value, int32_t length);
 Error socket_send(cm_socket socket, const Slice *slices, int32_t count, bool more_follows, size_t *out_count);
 Error socket_send_file(cm_socket socket, int32_t descriptor, int64_t offset, size_t count, size_t *out_count);
@@ -173,6 +174,7 @@ constexpr Table kTable = {
     .socket_peer = socket_peer,
     .socket_set_blocking = socket_set_blocking,
     .socket_option = socket_option,
+    .socket_all_confirmed = socket_all_confirmed,
     .socket_raw_option = socket_raw_option,
     .socket_send = socket_send,
     .socket_send_file = socket_send_file,

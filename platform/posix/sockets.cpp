@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <linux/sockios.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -8,6 +9,7 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -359,6 +361,11 @@ Error socket_option(cm_socket socket, SocketOption option, int32_t value) {
 }
 
 // Time-outs are 32 bits of milliseconds for every caller.
+bool socket_all_confirmed(cm_socket socket) {
+    int unconfirmed = 0;
+    return ioctl(number(socket), SIOCOUTQ, &unconfirmed) == 0 && unconfirmed == 0;
+}
+
 Error socket_raw_option(cm_socket socket, int32_t level, int32_t option, const void *value, int32_t length) {
     if (length < 0) return CM_EINVAL;
     if (level == SOL_SOCKET && (option == SO_RCVTIMEO || option == SO_SNDTIMEO) && length == sizeof(int32_t)) {

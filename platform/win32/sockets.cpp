@@ -224,6 +224,11 @@ Error socket_option(cm_socket socket, SocketOption option, int32_t value) {
     return CM_EINVAL;
 }
 
+// Nothing on this system tells it for a socket alone.
+bool socket_all_confirmed(cm_socket) {
+    return false;
+}
+
 Error socket_raw_option(cm_socket socket, int32_t level, int32_t option, const void *value, int32_t length) {
     return setsockopt(native(socket), level, option, static_cast<const char *>(value), length) == 0 ? 0 : net_error();
 }

@@ -76,6 +76,7 @@ constexpr Table system_table() {
     table.socket_peer = win32::socket_peer;
     table.socket_set_blocking = win32::socket_set_blocking;
     table.socket_option = win32::socket_option;
+    table.socket_all_confirmed = win32::socket_all_confirmed;
     table.socket_raw_option = win32::socket_raw_option;
     table.socket_send = win32::socket_send;
     table.socket_send_file = win32::socket_send_file;

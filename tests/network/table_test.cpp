@@ -127,6 +127,44 @@ TEST(Table, NoHandleIsAnAlertUnderTheCallersWord) {
               (Strings{"listener: No connection handles available.", "connect: No connection handles available."}));
 }
 
+TEST(Table, ACloseLingersOnlyForBytesThatAreNotConfirmed) {
+    static bool confirmed;
+    static int ended;
+    const auto real_confirmed = os.socket_all_confirmed;
+    static decltype(os.socket_option) real_option;
+    real_option = os.socket_option;
+    for (const bool all : {true, false}) {
+        Net net;
+        Link link(net);
+        EXPECT_EQ(cm_net_send(net.state, link.conn, "reply", CM_LEN_TEXT), 1);
+        confirmed = all;
+        ended = 0;
+        os.socket_all_confirmed = [](cm_socket) { return confirmed; };
+        os.socket_option = [](cm_socket socket, cm::platform::SocketOption option, int32_t value) {
+            ended += option == cm::platform::SocketOption::kLinger && value == -1;
+            return real_option(socket, option, value);
+        };
+        EXPECT_EQ(cm_net_close(net.state, link.conn, 1), 1);
+        EXPECT_EQ(cm_net_close(net.state, link.listener, 1), 1);
+        os.socket_option = real_option;
+        os.socket_all_confirmed = real_confirmed;
+        EXPECT_EQ(ended, all ? 1 : 0);
+        EXPECT_EQ(link.peer.receive(), "reply");
+    }
+}
+
+TEST(Table, BytesThatThePeerDoesNotTakeAreNotConfirmed) {
+    Net net;
+    Link link(net);
+    ASSERT_EQ(os.socket_set_blocking(*link.conn->sock, false), 0);
+    const std::string block(1 << 20, 'x');
+    const cm::platform::Slice slice = {block.data(), block.size()};
+    for (size_t sent = 0; os.socket_send(*link.conn->sock, &slice, 1, false, &sent) == 0;) {
+    }
+    EXPECT_FALSE(os.socket_all_confirmed(*link.conn->sock));
+    link.peer.reset();
+}
+
 TEST(Table, AForcedCloseWakesTheReaderAndSparesItsHandle) {
     Net net("Trace Level = TRACE");
     Link link(net);
