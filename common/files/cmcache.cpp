@@ -351,7 +351,7 @@ int16_t CM_CALL clean_up(cm_context *ctx, const char *name, cm_value argument) {
     if (cache == nullptr || ctx->file_cache_size < 1) return 1;
     const uint32_t now = now_seconds();
     const MutexGuard guard(cache->mutex);
-    if (!cache->cleanup_wanted || !is_older(cache->last_cleanup, ctx->cache_flush_interval, now)) return 1;
+    if (!cache->cleanup_wanted || int64_t{now} <= int64_t{cache->last_cleanup} + ctx->cache_flush_interval) return 1;
     cache->cleanup_wanted = 0;
     cache->last_cleanup = now;
     report(ctx, CM_TRACE, "Cache cleanup in progress...");

@@ -107,6 +107,14 @@ cm_cron_rec *first_of(cm_cron *cron, cm_cron_rec *const *list) {
     return *list;
 }
 
+// The next due task after `task`, or from the front; those that are not due are passed over under one hold of the lock.
+cm_cron_rec *next_due(cm_cron *cron, const cm_cron_rec *task) {
+    const MutexGuard guard(cron->lock);
+    cm_cron_rec *next = task == nullptr ? cron->periodic : task->next;
+    while (next != nullptr && load_relaxed(next->state) != kDue) next = next->next;
+    return next;
+}
+
 void run_all(cm_cron *cron, cm_cron_rec *const *list) {
     for (cm_cron_rec *task = first_of(cron, list); task != nullptr; task = next_of(cron, task)) run(task);
 }
@@ -218,10 +226,8 @@ void run_round(cm_cron *cron, int64_t now) {
         const MutexGuard guard(cron->lock);
         if (cron->last != kNoTime && now > cron->last) mark_due(cron->periodic, cron->last, now);
     }
-    for (cm_cron_rec *task = first_of(cron, &cron->periodic); task != nullptr; task = next_of(cron, task)) {
-        if (!may_run(cron)) break;
-        if (load_relaxed(task->state) == kDue) run(task);
-    }
+    cm_cron_rec *task = nullptr;
+    while (may_run(cron) && (task = next_due(cron, task)) != nullptr) run(task);
     cron->last = now;
 }
 

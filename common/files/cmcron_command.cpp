@@ -36,7 +36,7 @@ public:
             failed = 0;
             while (failed < 3 && create_one(failed, number)) failed++;
             if (failed == 3) return true;
-            for (int i = 0; i < failed; i++) remove(i);
+            for (int i = 0; i <= failed; i++) remove(i);
         }
         constexpr const char *kStreams[] = {"STDIN", "STDOUT", "STDERR"};
         report(ctx_, CM_ERROR, "cm__cron_usertask(%s): File open of '%s' failed.", kStreams[failed], path_[failed]);
@@ -49,11 +49,14 @@ public:
         for (int i = 0; i < 3; i++) close(i);
     }
 
-    // Input and output go; the error file's text, if any, goes into the log first.
+    // Input and output go; the error file's text, if any, goes into the log first.  A file that somebody has put in its
+    // place meanwhile is not read: its text may be none of the log's business.
     void log_errors(const char *command) {
         remove(0);
         remove(1);
-        if (!cm_isempty(path_[2])) {
+        platform::FileStatus found;
+        if (os.path_status(path_[2], false, &found) == 0 && found.index == error_file_.index &&
+            found.device == error_file_.device && found.size > 0) {
             char heading[kMessageSize];
             cm_snprintf(heading, sizeof heading, "CRON %s stderr...", command);
             cm_logfile(ctx_, heading, path_[2]);
@@ -71,7 +74,7 @@ private:
         const int32_t access = i == 0 ? CM_O_RDONLY : CM_O_WRONLY;
         const int32_t flags = access | CM_O_CREAT | CM_O_EXCL | platform::kOpenNoFollow | platform::kOpenOwnerOnly;
         made_[i] = os.file_open(path_[i], flags, &descriptor_[i]) == 0;
-        return made_[i];
+        return made_[i] && (i < 2 || os.file_status(descriptor_[i], &error_file_) == 0);
     }
 
     void close(int i) {
@@ -89,6 +92,7 @@ private:
     char path_[3][kMessageSize] = {};
     int32_t descriptor_[3] = {-1, -1, -1};
     bool made_[3] = {};
+    platform::FileStatus error_file_ = {};  // as it was made
 };
 
 // Waits for the end of a command; true when it ended by itself.  The end of the library ends it too, without a word.
