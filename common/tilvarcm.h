@@ -1356,6 +1356,43 @@ CM_API int16_t CM_CALL cm_dns_failure(cm_context *ctx, cm_net_state *net, cm_con
 CM_API int16_t CM_CALL cm_dns_forward(cm_context *ctx, cm_net_state *net, cm_conn *listener, cm_conn *request);
 CM_API int16_t CM_CALL cm_dns_localrecord(cm_context *ctx, cm_net_state *net, cm_conn *listener, cm_conn *request);
 
+/* ---------- FTP client ----------
+ * One file at a time to or from an FTP server (RFC 959), in binary mode.  Whatever goes wrong is told through the session's
+ * callback, in fixed texts of up to 1024 bytes, sometimes more than one: what the server said (with the further lines of a
+ * refusal), then what it means.  The callback may be null; it must not use the session.
+ *
+ * A session belongs to its caller, who connects and disconnects it; after a failed transfer too, since replies to what was
+ * given up may still be under way.  User, password and names that hold a line end or make a command over 1024 bytes are
+ * refused before anything is sent. */
+typedef void (CM_CALL *cm_ftp_message)(cm_context *ctx, cm_value argument, const char *text);
+typedef struct cm_ftp_session {
+    cm_ftp_message message;
+    cm_value       argument;   /* of the callback */
+    cm_conn       *control;    /* null when disconnected */
+    cm_net_state  *net;
+    cm_context    *ctx;        /* of the callback and of local files; may be null */
+} cm_ftp_session;
+
+/* Connects to port 21 and logs in; each wait for the server is at most the network's read time-out.  A failure leaves the
+ * session disconnected.  Disconnecting does not wait for the server; 1 also for a session that is disconnected. */
+CM_API int16_t CM_CALL cm_ftp_connect(cm_context *ctx, cm_net_state *net, const char *host, const char *user, const char *password, cm_value argument, cm_ftp_message message, cm_ftp_session *out_session);
+CM_API int16_t CM_CALL cm_ftp_disconnect(cm_ftp_session *session);
+
+/* Changes to a directory, makes one.  Only a reply of 250 is a success, but servers say 257 when they have made a
+ * directory: make it with `quiet`, which tells nothing, and then see whether cm_ftp_cwd takes it. */
+CM_API int16_t CM_CALL cm_ftp_cwd(cm_ftp_session *session, const char *directory);
+CM_API int16_t CM_CALL cm_ftp_mkdir(cm_ftp_session *session, const char *directory, int16_t quiet);
+
+/* Transfers: passive, and where the server refuses that (which is told) active, with three minutes for the server to connect.
+ * A server on the public net that names an address of a private net, of this host or of a group is not followed there.
+ *   cm_ftp_put  the local file may come from the cache (cm_fopenc); 0 without a word when it does not exist
+ *   cm_ftp_get  the local file is replaced when the server has said that the transfer is complete, and is as it was
+ *               before that; where it cannot be replaced (a link, a second name, no right to make files there) it is
+ *               written in place
+ * Result: 1 when the server says that the transfer is complete. */
+CM_API int16_t CM_CALL cm_ftp_put(cm_ftp_session *session, const char *local_file, const char *remote_name);
+CM_API int16_t CM_CALL cm_ftp_get(cm_ftp_session *session, const char *remote_name, const char *local_file);
+
 #ifdef __cplusplus
 }
 #endif
