@@ -21,3 +21,12 @@ configure_file(packaging/tilvarcm.pc.in ${PROJECT_BINARY_DIR}/tilvarcm.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tilvarcm-config.cmake ${PROJECT_BINARY_DIR}/tilvarcm-config-version.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tilvarcm)
 install(FILES ${PROJECT_BINARY_DIR}/tilvarcm.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# One archive of that tree: cpack --config BUILD/CPackConfig.cmake
+if(WIN32)
+  set(CPACK_GENERATOR ZIP)
+else()
+  set(CPACK_GENERATOR TGZ)
+endif()
+set(CPACK_PACKAGE_FILE_NAME tilvarcm-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR})
+include(CPack)

@@ -40,25 +40,43 @@ packages_to_fuzz='
   libclang-rt-14-dev /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a
 '
 
-# need ROWS...: installs what is missing when that is possible, else says so in one line and ends.
-need() {
+packages_for_windows='
+  g++-mingw-w64-x86-64-posix x86_64-w64-mingw32-g++-posix
+  g++-mingw-w64-i686-posix   i686-w64-mingw32-g++-posix
+  libz-mingw-w64-dev         /usr/x86_64-w64-mingw32/lib/libz.a
+  googletest                 /usr/src/googletest/CMakeLists.txt
+  wine64                     /usr/lib/wine/wine64
+  wine                       wine
+'
+
+# get ROWS...: installs what is missing when that is possible, else leaves in $why_not what is missing and what to do.
+get() {
   local missing as_root=()
   missing=$(printf '%s\n' "$@" | missing_packages | sort -u | tr '\n' ' ')
+  missing=${missing% }
   [ -n "$missing" ] || return 0
   local how="apt-get install -y --no-install-recommends $missing"
   if ! command -v apt-get >/dev/null; then
-    echo "missing: ${missing% } (names of Debian packages; install their like with this system's package manager)" >&2
-    exit 1
+    why_not="missing: $missing (names of Debian packages; install their like with this system's package manager)"
+    return 1
   fi
   if [ "$(id -u)" != 0 ]; then
-    if ! sudo -n true 2>/dev/null; then echo "missing: ${missing% }; get it with: sudo $how" >&2; exit 1; fi
+    if ! sudo -n true 2>/dev/null; then why_not="missing: $missing; get it with: sudo $how"; return 1; fi
     as_root=(sudo -n)
   fi
   export DEBIAN_FRONTEND=noninteractive
   "${as_root[@]}" apt-get update >"$logs/install.log" 2>&1 || true
   # shellcheck disable=SC2086
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive $how >>"$logs/install.log" 2>&1 ||
-    { tail -n 15 "$logs/install.log" >&2; echo "could not install: ${missing% }" >&2; exit 1; }
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive $how >>"$logs/install.log" 2>&1 && return 0
+  why_not="could not install: $missing ($logs/install.log)"
+  return 1
+}
+
+# need ROWS...: the same, but nothing goes on without them.
+need() {
+  get "$@" && return 0
+  echo "$why_not" >&2
+  exit 1
 }
 
 stage_number=0
@@ -81,6 +99,12 @@ stage() {
   failed=$((failed + 1))
   show_failure "$log"
   return 1
+}
+
+# not_run LABEL WHY: a stage that cannot be run here.
+not_run() {
+  stage_number=$((stage_number + 1))
+  printf '[%d/%d] %s ... not run, %s\n' "$stage_number" "$stage_count" "$1" "$2"
 }
 
 # Compiler errors, or else the end of the log.

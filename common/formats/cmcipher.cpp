@@ -35,7 +35,7 @@ namespace cm::cipher {
 namespace {
 
 constexpr char kFormat = '1';
-constexpr int64_t kOverhead = 1 + 2 * kNonceSize;
+constexpr size_t kOverhead = 1 + 2 * kNonceSize;
 
 uint32_t load32(const uint8_t *from) {
   return static_cast<uint32_t>(from[0]) | static_cast<uint32_t>(from[1]) << 8 |
@@ -224,7 +224,7 @@ int16_t cm_twowayencrypt(cm_context *ctx, const char *text, int32_t length,
   if (ctx->cipher == nullptr)
     return refuse(ctx, "cm_twowayencrypt", kNotStarted);
   const std::span<const uint8_t> plain = bytes(cm::view(text, length));
-  const int64_t needed = kOverhead + 2 * static_cast<int64_t>(plain.size());
+  const int64_t needed = static_cast<int64_t>(kOverhead + 2 * uint64_t{plain.size()});
   if (needed >= size)
     return refuse(ctx, "cm_twowayencrypt", kTooSmall);
 

@@ -360,12 +360,12 @@ Error socket_option(cm_socket socket, SocketOption option, int32_t value) {
     return CM_EINVAL;
 }
 
-// Time-outs are 32 bits of milliseconds for every caller.
 bool socket_all_confirmed(cm_socket socket) {
     int unconfirmed = 0;
     return ioctl(number(socket), SIOCOUTQ, &unconfirmed) == 0 && unconfirmed == 0;
 }
 
+// Time-outs are 32 bits of milliseconds for every caller.
 Error socket_raw_option(cm_socket socket, int32_t level, int32_t option, const void *value, int32_t length) {
     if (length < 0) return CM_EINVAL;
     if (level == SOL_SOCKET && (option == SO_RCVTIMEO || option == SO_SNDTIMEO) && length == sizeof(int32_t)) {

@@ -1,10 +1,11 @@
 // Time.
-#include "entries.h"
 #include "win32.h"
 
 #include <time.h>
 
-namespace cm::platform::win32 {
+namespace cm::platform::system {
+
+using namespace win32;
 
 namespace {
 
@@ -69,4 +70,4 @@ bool sleep(int32_t milliseconds) {
     return WaitForSingleObject(thread->ask, limit) != WAIT_OBJECT_0;
 }
 
-}  // namespace cm::platform::win32
+}  // namespace cm::platform::system

@@ -1,5 +1,4 @@
 // The process: environment, working directory, standard error stream, random bytes, the abort signal.
-#include "entries.h"
 #include "win32.h"
 
 #include <bcrypt.h>
@@ -11,7 +10,9 @@ namespace cm::platform {
 const char *const kLastResortTemp = "c:\\temp";
 const bool kFoldsPathCase = true;
 
-namespace win32 {
+namespace system {
+
+using namespace win32;
 
 // The texts live in a few static slots: start-up, the only caller, holds at most two at a time.
 const char *environment(const char *name) {
@@ -69,5 +70,5 @@ bool standard_handles_open() {
     return true;
 }
 
-}  // namespace win32
+}  // namespace system
 }  // namespace cm::platform

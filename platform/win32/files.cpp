@@ -1,12 +1,13 @@
 // Files, paths and directories.  A descriptor is one of the C run-time's, which only keeps the handle: reads, writes
 // and seeks go to the system.  Every open shares reading, writing and deletion.
-#include "entries.h"
 #include "win32.h"
 
 #include <fcntl.h>
 #include <io.h>
 
-namespace cm::platform::win32 {
+namespace cm::platform::system {
+
+using namespace win32;
 
 namespace {
 
@@ -285,8 +286,8 @@ Error directory_open(const char *path, void **out_search) {
     const WidePath wide(path);
     if (!wide) return last_error();
     const size_t length = wcslen(wide.get());
-    auto *search = static_cast<Search *>(allocate(sizeof(Search)));
-    auto *pattern = static_cast<wchar_t *>(allocate((length + 3) * sizeof(wchar_t)));
+    auto *search = static_cast<Search *>(os.allocate(sizeof(Search)));
+    auto *pattern = static_cast<wchar_t *>(os.allocate((length + 3) * sizeof(wchar_t)));
     Error error = search == nullptr || pattern == nullptr ? kNoMemory : 0;
     if (error == 0) {
         memcpy(pattern, wide.get(), length * sizeof(wchar_t));
@@ -296,9 +297,9 @@ Error directory_open(const char *path, void **out_search) {
         search->first = true;
         if (search->handle == INVALID_HANDLE_VALUE) error = last_error();
     }
-    release(pattern);
+    os.release(pattern);
     if (error != 0) {
-        release(search);
+        os.release(search);
         return error;
     }
     *out_search = search;
@@ -317,7 +318,7 @@ bool directory_next(void *handle, char *out_name, size_t size) {
 void directory_close(void *handle) {
     auto *search = static_cast<Search *>(handle);
     FindClose(search->handle);
-    release(search);
+    os.release(search);
 }
 
-}  // namespace cm::platform::win32
+}  // namespace cm::platform::system

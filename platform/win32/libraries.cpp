@@ -1,8 +1,9 @@
 // Libraries loaded at run time: from the system's folder and the program's own, never from the working directory.
-#include "entries.h"
 #include "win32.h"
 
-namespace cm::platform::win32 {
+namespace cm::platform::system {
+
+using namespace win32;
 
 void *library_open(const char *file) {
     Wide wide(file);
@@ -19,4 +20,4 @@ void library_close(void *library) {
     FreeLibrary(reinterpret_cast<HMODULE>(library));
 }
 
-}  // namespace cm::platform::win32
+}  // namespace cm::platform::system

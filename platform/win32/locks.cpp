@@ -1,5 +1,4 @@
 // Locks and events.
-#include "entries.h"
 #include "win32.h"
 
 namespace cm::platform {
@@ -12,13 +11,15 @@ struct Event {
     HANDLE handle;
 };
 
-namespace win32 {
+namespace system {
+
+using namespace win32;
 
 Lock *lock_create() {
-    auto *lock = static_cast<Lock *>(allocate(sizeof(Lock)));
+    auto *lock = static_cast<Lock *>(os.allocate(sizeof(Lock)));
     if (lock == nullptr) return nullptr;
     if (!InitializeCriticalSectionAndSpinCount(&lock->section, 1000)) {
-        release(lock);
+        os.release(lock);
         return nullptr;
     }
     return lock;
@@ -27,7 +28,7 @@ Lock *lock_create() {
 void lock_destroy(Lock *lock) {
     if (lock == nullptr) return;
     DeleteCriticalSection(&lock->section);
-    release(lock);
+    os.release(lock);
 }
 
 // The region begins before the lock is taken: a thread parked between the two would leave it locked.
@@ -42,11 +43,11 @@ void lock_release(Lock *lock) {
 }
 
 Event *event_create() {
-    auto *event = static_cast<Event *>(allocate(sizeof(Event)));
+    auto *event = static_cast<Event *>(os.allocate(sizeof(Event)));
     if (event == nullptr) return nullptr;
     event->handle = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     if (event->handle == nullptr) {
-        release(event);
+        os.release(event);
         return nullptr;
     }
     return event;
@@ -55,7 +56,7 @@ Event *event_create() {
 void event_destroy(Event *event) {
     if (event == nullptr) return;
     CloseHandle(event->handle);
-    release(event);
+    os.release(event);
 }
 
 void event_set(Event *event) {
@@ -71,5 +72,5 @@ bool event_wait(Event *event, int32_t timeout_ms) {
     return WaitForMultipleObjects(2, handles, FALSE, limit) == WAIT_OBJECT_0 + 1;
 }
 
-}  // namespace win32
+}  // namespace system
 }  // namespace cm::platform

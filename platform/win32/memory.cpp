@@ -1,8 +1,9 @@
 // Memory: the process heap.  A thread inside the heap counts as inside a library lock, since the heap has one.
-#include "entries.h"
 #include "win32.h"
 
-namespace cm::platform::win32 {
+namespace cm::platform::system {
+
+using namespace win32;
 
 void *allocate(size_t bytes) {
     enter_region();
@@ -25,4 +26,4 @@ void release(void *block) {
     leave_region();
 }
 
-}  // namespace cm::platform::win32
+}  // namespace cm::platform::system

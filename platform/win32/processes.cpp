@@ -1,5 +1,4 @@
 // Child processes: started suspended, put into a job of their own (so that grandchildren end with them), then let go.
-#include "entries.h"
 #include "win32.h"
 
 #include <io.h>
@@ -13,7 +12,9 @@ struct Process {
     bool killed;  // about to go: the wait for it lasts even when the thread was asked to end
 };
 
-namespace win32 {
+namespace system {
+
+using namespace win32;
 
 namespace {
 
@@ -59,7 +60,7 @@ public:
     explicit HandleList(HANDLE *handles) {
         SIZE_T size = 0;
         InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
-        list_ = static_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(allocate(size));
+        list_ = static_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(os.allocate(size));
         if (list_ == nullptr) return;
         made_ = InitializeProcThreadAttributeList(list_, 1, 0, &size) != 0;
         ok_ = made_ && UpdateProcThreadAttribute(list_, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, handles,
@@ -67,7 +68,7 @@ public:
     }
     ~HandleList() {
         if (made_) DeleteProcThreadAttributeList(list_);
-        release(list_);
+        os.release(list_);
     }
     HandleList(const HandleList &) = delete;
     HandleList &operator=(const HandleList &) = delete;
@@ -82,30 +83,30 @@ private:
 }  // namespace
 
 Error process_start(const char *command, const char *directory, const int32_t standard[3], Process **out_process) {
+    while (*command == ' ' || *command == '\t') command++;  // they would make an empty program name
     Inherited handles(standard);
     Wide line(command);
     const WidePath folder(directory == nullptr ? "." : directory);
     if (!handles || !line || !folder) return last_error();
     HandleList list(handles.list());
-    auto *process = static_cast<Process *>(allocate_zeroed(sizeof(Process)));
+    auto *process = static_cast<Process *>(os.allocate_zeroed(sizeof(Process)));
     if (!list || process == nullptr) {
-        release(process);
+        os.release(process);
         return kNoMemory;
     }
     STARTUPINFOEXW start = {};
     start.StartupInfo.cb = sizeof start;
-    start.StartupInfo.dwFlags = STARTF_USESTDHANDLES | STARTF_USESHOWWINDOW;
-    start.StartupInfo.wShowWindow = SW_HIDE;
+    start.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
     start.StartupInfo.hStdInput = handles.list()[0];
     start.StartupInfo.hStdOutput = handles.list()[1];
     start.StartupInfo.hStdError = handles.list()[2];
     start.lpAttributeList = list.get();
     PROCESS_INFORMATION made = {};
-    constexpr DWORD kFlags = CREATE_SUSPENDED | CREATE_NEW_CONSOLE | EXTENDED_STARTUPINFO_PRESENT;
+    constexpr DWORD kFlags = CREATE_SUSPENDED | CREATE_NO_WINDOW | EXTENDED_STARTUPINFO_PRESENT;
     if (!CreateProcessW(nullptr, line.get(), nullptr, nullptr, TRUE, kFlags, nullptr, folder.get(), &start.StartupInfo,
                         &made)) {
         const Error error = last_error();
-        release(process);
+        os.release(process);
         return error;
     }
     process->handle = made.hProcess;
@@ -141,10 +142,11 @@ int32_t process_id(Process *process) {
 }
 
 void process_release(Process *process) {
+    if (process == nullptr) return;
     CloseHandle(process->handle);
     if (process->job != nullptr) CloseHandle(process->job);
-    release(process);
+    os.release(process);
 }
 
-}  // namespace win32
+}  // namespace system
 }  // namespace cm::platform

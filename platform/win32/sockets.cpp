@@ -1,5 +1,8 @@
 // Winsock 2.2, IPv4.  Its error numbers are the contract's.
-#include "entries.h"
+//
+// The system tells neither whether a socket blocks nor whether it was shut down from here, and a shutdown wakes nobody,
+// so each socket has some marks of ours.  A call on a blocking socket that may take long waits in socket_wait first,
+// where an asked thread and a shutdown are noticed.
 #include "win32.h"
 
 #include <mstcpip.h>
@@ -8,7 +11,9 @@
 #define SIO_UDP_CONNRESET _WSAIOW(IOC_VENDOR, 12)
 #endif
 
-namespace cm::platform::win32 {
+namespace cm::platform::system {
+
+using namespace win32;
 
 namespace {
 
@@ -17,6 +22,44 @@ SOCKET native(cm_socket socket) {
 }
 Error net_error() {
     return static_cast<Error>(WSAGetLastError());
+}
+
+// ---- marks ----------------------------------------------------------------------------------------------------------
+
+// By number; sockets are small multiples of four.  One beyond the table has no marks: it blocks, and a wait for it
+// notes a shutdown when its slice is over.
+enum Mark : uint8_t { kNonBlocking = 1, kConnecting = 2, kShut = 4 };
+constexpr size_t kMarked = 1 << 16;
+uint8_t marks[kMarked];
+
+uint8_t *marks_of(cm_socket socket) {
+    const size_t number = static_cast<size_t>(socket) / 4;
+    return number < kMarked ? &marks[number] : nullptr;
+}
+
+bool has_mark(cm_socket socket, Mark mark) {
+    const uint8_t *own = marks_of(socket);
+    return own != nullptr && (__atomic_load_n(own, __ATOMIC_SEQ_CST) & mark) != 0;
+}
+
+void set_mark(cm_socket socket, Mark mark, bool on) {
+    uint8_t *own = marks_of(socket);
+    if (own == nullptr) return;
+    if (on)
+        __atomic_fetch_or(own, mark, __ATOMIC_SEQ_CST);
+    else
+        __atomic_fetch_and(own, static_cast<uint8_t>(~mark), __ATOMIC_SEQ_CST);
+}
+
+void clear_marks(cm_socket socket) {
+    if (uint8_t *own = marks_of(socket)) __atomic_store_n(own, 0, __ATOMIC_SEQ_CST);
+}
+
+// ---- small things ---------------------------------------------------------------------------------------------------
+
+// Winsock starts with the first call that needs it, as sockets are just there elsewhere; network_start only counts on.
+bool start_after(Error error) {
+    return error == WSANOTINITIALISED && network_start() == 0;
 }
 
 sockaddr_in make_address(uint32_t address, int32_t port) {
@@ -37,44 +80,116 @@ int clipped(size_t size) {
     return size > INT32_MAX ? INT32_MAX : static_cast<int>(size);
 }
 
-bool is_readable_now(cm_socket socket) {
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(native(socket), &set);
-    timeval now = {0, 0};
-    return select(0, &set, nullptr, nullptr, &now) > 0;
+// ---- waiting --------------------------------------------------------------------------------------------------------
+
+// One round of a wait: a poll, or a select where a connect is under way, since polls of older systems do not tell a
+// refused one.
+class Round {
+public:
+    Round(WaitItem *items, int32_t count, const Wake *wake) : items_(items), count_(count), wake_(wake) {}
+    ~Round() { os.release(more_); }
+    Round(const Round &) = delete;
+    Round &operator=(const Round &) = delete;
+
+    // Waits and sets the items; `*out_ready` of them are.
+    Error wait(int32_t timeout_ms, int32_t *out_ready) {
+        for (int32_t i = 0; i < count_; i++)
+            if (has_mark(items_[i].socket, kConnecting)) return wait_by_select(timeout_ms, out_ready);
+        return wait_by_poll(timeout_ms, out_ready);
+    }
+
+private:
+    static constexpr int32_t kRoom = 32;
+
+    Error wait_by_poll(int32_t timeout_ms, int32_t *out_ready) {
+        if (count_ >= kRoom && more_ == nullptr)
+            more_ = static_cast<WSAPOLLFD *>(os.allocate((static_cast<size_t>(count_) + 1) * sizeof(WSAPOLLFD)));
+        if (count_ >= kRoom && more_ == nullptr) return kNoMemory;
+        WSAPOLLFD *list = more_ != nullptr ? more_ : room_;
+        ULONG used = 0;
+        for (int32_t i = 0; i < count_; i++)
+            if (items_[i].socket != kNoSocket)
+                list[used++] = {native(items_[i].socket),
+                                static_cast<short>(items_[i].for_write ? POLLWRNORM : POLLRDNORM), 0};
+        if (wake_ != nullptr) list[used++] = {native(wake_->read_end), POLLRDNORM, 0};
+        if (WSAPoll(list, used, timeout_ms) < 0) return net_error();
+        const WSAPOLLFD *next = list;
+        for (int32_t i = 0; i < count_; i++) {
+            if (items_[i].socket == kNoSocket) continue;
+            const short found = (next++)->revents;
+            if ((found & POLLNVAL) != 0) return CM_ENOTSOCK;
+            items_[i].ready = found != 0;
+            items_[i].failed = (found & POLLERR) != 0;
+            *out_ready += items_[i].ready ? 1 : 0;
+        }
+        return 0;
+    }
+
+    Error wait_by_select(int32_t timeout_ms, int32_t *out_ready) {
+        if (count_ >= FD_SETSIZE) return CM_EINVAL;
+        fd_set readable, writable, failed;
+        readable.fd_count = writable.fd_count = failed.fd_count = 0;
+        for (int32_t i = 0; i < count_; i++) {
+            if (items_[i].socket == kNoSocket) continue;
+            add(items_[i].for_write ? &writable : &readable, items_[i].socket);
+            add(&failed, items_[i].socket);
+        }
+        if (wake_ != nullptr) add(&readable, wake_->read_end);
+        timeval limit = {timeout_ms / 1000, timeout_ms % 1000 * 1000};
+        if (select(0, &readable, &writable, &failed, &limit) < 0) return net_error();
+        for (int32_t i = 0; i < count_; i++) {
+            if (items_[i].socket == kNoSocket) continue;
+            const SOCKET socket = native(items_[i].socket);
+            items_[i].failed = FD_ISSET(socket, &failed) != 0;
+            items_[i].ready = items_[i].failed || FD_ISSET(socket, items_[i].for_write ? &writable : &readable) != 0;
+            *out_ready += items_[i].ready ? 1 : 0;
+        }
+        return 0;
+    }
+
+    static void add(fd_set *set, cm_socket socket) { set->fd_array[set->fd_count++] = native(socket); }
+
+    WaitItem *const items_;
+    const int32_t count_;
+    const Wake *const wake_;
+    WSAPOLLFD room_[kRoom];
+    WSAPOLLFD *more_ = nullptr;
+};
+
+// A shutdown breaks the wait off, but may come just before it; so a wait looks again from time to time.
+constexpr int64_t kSliceMs = 500;
+
+int32_t count_shut(WaitItem *items, int32_t count) {
+    int32_t shut = 0;
+    for (int32_t i = 0; i < count; i++) {
+        if (items[i].socket == kNoSocket || !has_mark(items[i].socket, kShut)) continue;
+        items[i].ready = items[i].failed = true;
+        shut++;
+    }
+    return shut;
 }
 
-// The three sets of one select over some items.
-struct Sets {
-    fd_set readable, writable, failed;
+// Until a blocking socket has something to take.
+Error wait_to_receive(cm_socket socket) {
+    if (has_mark(socket, kNonBlocking)) return 0;
+    DWORD limit = 0;
+    int length = sizeof limit, ready = 0;
+    if (getsockopt(native(socket), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&limit), &length) != 0)
+        return net_error();
+    WaitItem item = {socket, false, false, false};
+    const int32_t timeout_ms = limit == 0 || limit > INT32_MAX ? kForever : static_cast<int32_t>(limit);
+    if (const Error error = socket_wait(&item, 1, timeout_ms, &ready); error != 0) return error;
+    return ready == 0 ? CM_ETIMEDOUT : 0;
+}
 
-    void fill(const WaitItem *items, int32_t count, const Wake *wake) {
-        FD_ZERO(&readable);
-        FD_ZERO(&writable);
-        FD_ZERO(&failed);
-        for (int32_t i = 0; i < count; i++) {
-            if (items[i].socket == kNoSocket) continue;
-            FD_SET(native(items[i].socket), items[i].for_write ? &writable : &readable);
-            FD_SET(native(items[i].socket), &failed);  // a refused connect shows here only
-        }
-        if (wake != nullptr) FD_SET(native(wake->read_end), &readable);
-    }
-
-    bool empty() const { return readable.fd_count + writable.fd_count == 0; }
-
-    int32_t report(WaitItem *items, int32_t count) {
-        int32_t ready = 0;
-        for (int32_t i = 0; i < count; i++) {
-            if (items[i].socket == kNoSocket) continue;
-            const SOCKET socket = native(items[i].socket);
-            items[i].failed = FD_ISSET(socket, &failed) != 0;
-            items[i].ready = items[i].failed || FD_ISSET(socket, items[i].for_write ? &writable : &readable) != 0;
-            ready += items[i].ready ? 1 : 0;
-        }
-        return ready;
-    }
-};
+// Nothing when there is something to take now.
+Error check_readable(cm_socket socket) {
+    if (has_mark(socket, kNonBlocking)) return 0;
+    WaitItem item = {socket, false, false, false};
+    int32_t ready = 0;
+    if (const Error error = Round(&item, 1, nullptr).wait(0, &ready); error != 0) return error;
+    return ready == 0 ? CM_EWOULDBLOCK : 0;
+}
 
 }  // namespace
 
@@ -88,11 +203,14 @@ Error network_stop() {
 }
 
 Error host_name(char *out, size_t size) {
-    return gethostname(out, clipped(size)) == 0 ? 0 : net_error();
+    int result = gethostname(out, clipped(size));
+    if (result != 0 && start_after(net_error())) result = gethostname(out, clipped(size));
+    return result == 0 ? 0 : net_error();
 }
 
 Error host_by_name(const char *name, uint32_t out_addresses[4], int32_t *out_count) {
     const hostent *entry = gethostbyname(name);  // the record is the thread's own
+    if (entry == nullptr && start_after(net_error())) entry = gethostbyname(name);
     if (entry == nullptr) return net_error();
     int32_t count = 0;
     if (entry->h_addrtype == AF_INET)
@@ -104,7 +222,9 @@ Error host_by_name(const char *name, uint32_t out_addresses[4], int32_t *out_cou
 }
 
 Error host_by_address(uint32_t address, char *out_name, size_t size) {
-    const hostent *entry = gethostbyaddr(reinterpret_cast<const char *>(&address), 4, AF_INET);
+    const char *bytes = reinterpret_cast<const char *>(&address);
+    const hostent *entry = gethostbyaddr(bytes, 4, AF_INET);
+    if (entry == nullptr && start_after(net_error())) entry = gethostbyaddr(bytes, 4, AF_INET);
     if (entry == nullptr) return net_error();
     const size_t length = strlen(entry->h_name);
     if (length >= size) return CM_EMSGSIZE;
@@ -114,18 +234,27 @@ Error host_by_address(uint32_t address, char *out_name, size_t size) {
 
 Error socket_open(SocketKind kind, cm_socket *out_socket) {
     const bool stream = kind == SocketKind::kStream;
-    const SOCKET made = WSASocketW(AF_INET, stream ? SOCK_STREAM : SOCK_DGRAM, stream ? IPPROTO_TCP : IPPROTO_UDP,
-                                   nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+    const int type = stream ? SOCK_STREAM : SOCK_DGRAM, protocol = stream ? IPPROTO_TCP : IPPROTO_UDP;
+    constexpr DWORD kFlags = WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT;
+    SOCKET made = WSASocketW(AF_INET, type, protocol, nullptr, 0, kFlags);
+    if (made == INVALID_SOCKET && start_after(net_error()))
+        made = WSASocketW(AF_INET, type, protocol, nullptr, 0, kFlags);
     if (made == INVALID_SOCKET) return net_error();
     *out_socket = static_cast<cm_socket>(made);
+    clear_marks(*out_socket);
     return 0;
 }
 
 Error socket_close(cm_socket socket) {
+    clear_marks(socket);  // before the number can be another's
     return closesocket(native(socket)) == 0 ? 0 : net_error();
 }
+
 Error socket_shutdown(cm_socket socket) {
-    return shutdown(native(socket), SD_BOTH) == 0 ? 0 : net_error();
+    set_mark(socket, kShut, true);
+    const Error error = shutdown(native(socket), SD_BOTH) == 0 ? 0 : net_error();
+    CancelIoEx(reinterpret_cast<HANDLE>(socket), nullptr);
+    return error;
 }
 
 Error socket_bind(cm_socket socket, uint32_t address, int32_t port) {
@@ -140,12 +269,14 @@ Error socket_listen(cm_socket socket, int32_t backlog) {
 Error socket_accept(cm_socket listener, cm_socket *out_socket, uint32_t *out_address, int32_t *out_port) {
     sockaddr_in peer = {};
     int length = sizeof peer;
+    if (const Error error = wait_to_receive(listener); error != 0) return error;
     const SOCKET made = accept(native(listener), reinterpret_cast<sockaddr *>(&peer), &length);
     if (made == INVALID_SOCKET) return net_error();
     u_long blocking = 0;  // inherited from the listener
     ioctlsocket(made, FIONBIO, &blocking);
     SetHandleInformation(reinterpret_cast<HANDLE>(made), HANDLE_FLAG_INHERIT, 0);
     *out_socket = static_cast<cm_socket>(made);
+    clear_marks(*out_socket);
     *out_address = peer.sin_addr.s_addr;
     *out_port = ntohs(peer.sin_port);
     return 0;
@@ -153,13 +284,17 @@ Error socket_accept(cm_socket listener, cm_socket *out_socket, uint32_t *out_add
 
 Error socket_connect(cm_socket socket, uint32_t address, int32_t port) {
     const sockaddr_in peer = make_address(address, port);
-    return connect(native(socket), reinterpret_cast<const sockaddr *>(&peer), sizeof peer) == 0 ? 0 : net_error();
+    if (connect(native(socket), reinterpret_cast<const sockaddr *>(&peer), sizeof peer) == 0) return 0;
+    const Error error = net_error();
+    if (error == CM_EWOULDBLOCK) set_mark(socket, kConnecting, true);
+    return error;
 }
 
 Error socket_connect_result(cm_socket socket) {
     int result = 0, length = sizeof result;
     if (getsockopt(native(socket), SOL_SOCKET, SO_ERROR, reinterpret_cast<char *>(&result), &length) != 0)
         return net_error();
+    set_mark(socket, kConnecting, false);
     return static_cast<Error>(result);
 }
 
@@ -183,7 +318,9 @@ Error socket_peer(cm_socket socket, uint32_t *out_address, int32_t *out_port) {
 
 Error socket_set_blocking(cm_socket socket, bool blocking) {
     u_long non_blocking = blocking ? 0 : 1;
-    return ioctlsocket(native(socket), FIONBIO, &non_blocking) == 0 ? 0 : net_error();
+    if (ioctlsocket(native(socket), FIONBIO, &non_blocking) != 0) return net_error();
+    set_mark(socket, kNonBlocking, !blocking);
+    return 0;
 }
 
 Error socket_option(cm_socket socket, SocketOption option, int32_t value) {
@@ -253,7 +390,8 @@ Error socket_send_file(cm_socket socket, int32_t descriptor, int64_t offset, siz
 }
 
 Error socket_receive(cm_socket socket, void *buffer, size_t size, bool only_what_is_there, size_t *out_count) {
-    if (only_what_is_there && !is_readable_now(socket)) return CM_EWOULDBLOCK;
+    const Error error = only_what_is_there ? check_readable(socket) : wait_to_receive(socket);
+    if (error != 0) return error;
     const int got = recv(native(socket), static_cast<char *>(buffer), clipped(size), 0);
     if (got < 0) return net_error();
     *out_count = static_cast<size_t>(got);
@@ -270,7 +408,8 @@ Error socket_send_to(cm_socket socket, uint32_t address, int32_t port, const voi
 
 Error socket_receive_from(cm_socket socket, void *buffer, size_t size, bool only_what_is_there, size_t *out_count,
                           uint32_t *out_address, int32_t *out_port) {
-    if (only_what_is_there && !is_readable_now(socket)) return CM_EWOULDBLOCK;
+    const Error error = only_what_is_there ? check_readable(socket) : wait_to_receive(socket);
+    if (error != 0) return error;
     sockaddr_in peer = {};
     int length = sizeof peer;
     const int got = recvfrom(native(socket), static_cast<char *>(buffer), clipped(size), 0,
@@ -284,36 +423,30 @@ Error socket_receive_from(cm_socket socket, void *buffer, size_t size, bool only
 
 Error socket_wait(WaitItem *items, int32_t count, int32_t timeout_ms, int32_t *out_ready) {
     const Wake *wake = wake_of_self();
-    const int64_t end = monotonic_ms() + (timeout_ms < 0 ? 0 : timeout_ms);
-    for (int32_t i = 0; i < count; i++) items[i].ready = items[i].failed = false;
-    if (count > FD_SETSIZE - 1) return CM_EINVAL;
+    const int64_t end = monotonic_ms() + timeout_ms;
+    bool any = false;
+    for (int32_t i = 0; i < count; i++) {
+        items[i].ready = items[i].failed = false;
+        any = any || items[i].socket != kNoSocket;
+    }
+    *out_ready = 0;
+    if (!any) return sleep(timeout_ms < 0 ? INT32_MAX : timeout_ms) ? 0 : CM_EINTR;  // the system waits for some only
+    Round round(items, count, wake);
     for (;;) {
         if (thread_asked()) return CM_EINTR;
-        Sets sets;
-        sets.fill(items, count, wake);
-        const int64_t left = timeout_ms < 0 ? 0 : end - monotonic_ms();
-        timeval limit = {static_cast<long>(left > 0 ? left / 1000 : 0),
-                         static_cast<long>(left > 0 ? left % 1000 * 1000 : 0)};
-        if (sets.empty()) {  // a select of nothing is an error here
-            if (!sleep(timeout_ms < 0 ? INT32_MAX : static_cast<int32_t>(left > 0 ? left : 0))) return CM_EINTR;
-            *out_ready = 0;
-            return 0;
-        }
-        const int result = select(0, &sets.readable, &sets.writable, &sets.failed, timeout_ms < 0 ? nullptr : &limit);
+        int32_t ready = count_shut(items, count);
+        const int64_t left = timeout_ms < 0 ? kSliceMs : end - monotonic_ms();
+        const int64_t slice = left > kSliceMs ? kSliceMs : left;
+        const Error error = ready > 0 ? 0 : round.wait(slice > 0 ? static_cast<int32_t>(slice) : 0, &ready);
         if (thread_asked()) return CM_EINTR;
-        if (result < 0 && net_error() != CM_EINTR) return net_error();
-        if (result > 0) {
-            const int32_t ready = sets.report(items, count);
-            if (ready > 0) {
-                *out_ready = ready;
-                return 0;
-            }
-            if (wake != nullptr) wake_clear(wake);
-        }
-        if (timeout_ms >= 0 && monotonic_ms() >= end) {
-            *out_ready = 0;
+        const bool broken_off = error == CM_EINTR || error == WSA_OPERATION_ABORTED;
+        if (error != 0 && !broken_off) return error;
+        if (ready > 0) {
+            *out_ready = ready;
             return 0;
         }
+        if (!broken_off && timeout_ms >= 0 && left <= slice && monotonic_ms() >= end) return 0;
+        if (wake != nullptr && !broken_off) wake_clear(wake);
     }
 }
 
@@ -353,4 +486,4 @@ void wake_destroy(Wake *wake) {
     *wake = Wake{};
 }
 
-}  // namespace cm::platform::win32
+}  // namespace cm::platform::system

@@ -7,23 +7,6 @@ namespace {
 
 constexpr size_t kPrefixLimit = 248;  // CreateDirectory's, the smallest of the system's limits
 
-wchar_t *allocate_text(size_t count) {
-    return static_cast<wchar_t *>(HeapAlloc(GetProcessHeap(), 0, count * sizeof(wchar_t)));
-}
-
-void release_text(wchar_t *text) {
-    if (text != nullptr) HeapFree(GetProcessHeap(), 0, text);
-}
-
-wchar_t *widen(const char *text) {
-    if (text == nullptr) return nullptr;
-    const int count = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text, -1, nullptr, 0);
-    if (count <= 0) return nullptr;
-    wchar_t *out = allocate_text(static_cast<size_t>(count));
-    if (out != nullptr) MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text, -1, out, count);
-    return out;
-}
-
 bool is_separator(wchar_t c) {
     return c == L'/' || c == L'\\';
 }
@@ -38,29 +21,42 @@ void strip_trailing_separator(wchar_t *path) {
 
 }  // namespace
 
-Wide::Wide(const char *text) : text_(widen(text)) {}
-Wide::~Wide() {
-    release_text(text_);
+wchar_t *WideBuffer::reserve(size_t count) {
+    if (count <= sizeof room_ / sizeof room_[0]) return room_;
+    more_ = static_cast<wchar_t *>(os.allocate(count * sizeof(wchar_t)));
+    if (more_ == nullptr) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return more_;
+}
+
+Wide::Wide(const char *text) {
+    if (text == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return;
+    }
+    const size_t bytes = strlen(text) + 1;  // never fewer than UTF-16 units
+    if (bytes > INT32_MAX) {
+        SetLastError(ERROR_FILENAME_EXCED_RANGE);
+        return;
+    }
+    const int size = static_cast<int>(bytes);
+    wchar_t *out = buffer_.reserve(bytes);
+    if (out != nullptr && MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text, size, out, size) > 0) text_ = out;
 }
 
 WidePath::WidePath(const char *path) {
-    wchar_t *given = widen(path);
-    if (given == nullptr || given[0] == L'\0') {
-        release_text(given);
+    Wide given(path);
+    if (!given) return;
+    if (given.get()[0] == L'\0') {
         SetLastError(ERROR_PATH_NOT_FOUND);
         return;
     }
-    strip_trailing_separator(given);
+    strip_trailing_separator(given.get());
     constexpr wchar_t kPrefix[] = L"\\\\?\\", kShare[] = L"\\\\?\\UNC";
     constexpr size_t kRoom = 8;  // the longer prefix
-    const DWORD needed = GetFullPathNameW(given, 0, nullptr, nullptr);
-    wchar_t *full = needed == 0 ? nullptr : allocate_text(needed + kRoom);
-    const DWORD length = full == nullptr ? 0 : GetFullPathNameW(given, needed, full + kRoom, nullptr);
-    release_text(given);
-    if (length == 0 || length >= needed) {
-        release_text(full);
-        return;
-    }
+    const DWORD needed = GetFullPathNameW(given.get(), 0, nullptr, nullptr);
+    wchar_t *full = needed == 0 ? nullptr : buffer_.reserve(needed + kRoom);
+    const DWORD length = full == nullptr ? 0 : GetFullPathNameW(given.get(), needed, full + kRoom, nullptr);
+    if (length == 0 || length >= needed) return;
     const wchar_t *name = full + kRoom;
     const bool device = wcsncmp(name, L"\\\\?\\", 4) == 0 || wcsncmp(name, L"\\\\.\\", 4) == 0;
     const bool share = !device && wcsncmp(name, L"\\\\", 2) == 0;
@@ -73,10 +69,6 @@ WidePath::WidePath(const char *path) {
     }
     memmove(full + prefix, name, (wcslen(name) + 1) * sizeof(wchar_t));
     path_ = full;
-}
-
-WidePath::~WidePath() {
-    release_text(path_);
 }
 
 bool narrow(const wchar_t *text, char *out, size_t size) {

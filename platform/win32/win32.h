@@ -12,7 +12,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
-#include "platform/platform.h"
+#include "platform/system.h"
 
 namespace cm::platform::win32 {
 
@@ -26,17 +26,29 @@ inline Error last_error() {
     return map_error(GetLastError());
 }
 
+// Room for a UTF-16 text, in the object itself unless the text is long.
+class WideBuffer {
+public:
+    WideBuffer() = default;
+    ~WideBuffer() { os.release(more_); }
+    WideBuffer(const WideBuffer &) = delete;
+    WideBuffer &operator=(const WideBuffer &) = delete;
+    wchar_t *reserve(size_t count);  // once; null when there is no memory
+
+private:
+    wchar_t room_[320];
+    wchar_t *more_ = nullptr;
+};
+
 // A UTF-8 text as UTF-16, terminated.
 class Wide {
 public:
     explicit Wide(const char *text);
-    ~Wide();
-    Wide(const Wide &) = delete;
-    Wide &operator=(const Wide &) = delete;
     explicit operator bool() const { return text_ != nullptr; }
     wchar_t *get() { return text_; }
 
 private:
+    WideBuffer buffer_;
     wchar_t *text_ = nullptr;
 };
 
@@ -45,13 +57,11 @@ private:
 class WidePath {
 public:
     explicit WidePath(const char *path);
-    ~WidePath();
-    WidePath(const WidePath &) = delete;
-    WidePath &operator=(const WidePath &) = delete;
     explicit operator bool() const { return path_ != nullptr; }
     const wchar_t *get() const { return path_; }
 
 private:
+    WideBuffer buffer_;
     wchar_t *path_ = nullptr;
 };
 
@@ -69,8 +79,9 @@ struct Thread {
     ThreadEntry entry;
     void *argument;
     long references;
-    long lock_depth;  // library locks and allocations in progress; changed by the thread itself only
+    long region_depth;  // changed by the thread itself only
     bool asked;
+    bool park, parked;
     Wake wake;  // stands in this thread's socket waits, made by the first of them
 };
 
@@ -78,7 +89,10 @@ namespace win32 {
 
 Thread *self();        // null on a thread of the host's
 Wake *wake_of_self();  // null when there is none
-void enter_region();   // the thread must not be parked until leave_region
+
+// Between enter and leave the thread is never parked, because somebody would wait for it: it holds a lock, or is inside
+// the allocator.
+void enter_region();
 void leave_region();
 
 }  // namespace win32

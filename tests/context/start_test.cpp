@@ -313,14 +313,19 @@ TEST(Counters, HourlyTaskClearsTheComingHour) {
     EXPECT_EQ(library.ctx()->perf[23][59][12], 0x01010101u);
 }
 
+// Where the system keeps one byte of a status, it is 255.
+bool is_minus_one(int status) {
+    return testing::ExitedWithCode(255)(status) || testing::ExitedWithCode(-1)(status);
+}
+
 TEST(AbortDeathTest, AbortEndsTheProcessWithMinusOne) {
-    EXPECT_EXIT(cm__abort(SIGABRT), testing::ExitedWithCode(255), "");
+    EXPECT_EXIT(cm__abort(SIGABRT), is_minus_one, "");
     EXPECT_EXIT(
         {
             Library library;
             std::raise(SIGABRT);
         },
-        testing::ExitedWithCode(255), "");
+        is_minus_one, "");
 }
 
 }  // namespace

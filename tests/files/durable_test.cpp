@@ -122,7 +122,7 @@ TEST_F(Durable, WithoutATargetTheBackupStays) {
 }
 
 TEST_F(Durable, KeepsANarrowerMode) {
-    if (platform::kFoldsPathCase) GTEST_SKIP() << "modes of owner and others are one here";
+    if (const char *why = test::missing(test::Feature::kFileModes)) GTEST_SKIP() << why;
     platform::FileStatus fresh, status;
     const std::string target = path("f");
     ASSERT_EQ(0, os.path_status(path("b").c_str(), true, &fresh));

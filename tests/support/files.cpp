@@ -109,6 +109,51 @@ std::vector<std::string> log_lines(const std::string &path) {
     return out;
 }
 
+namespace {
+
+bool has_file_modes() {
+    const TempFolder folder;
+    const std::string path = folder.write("own", "");
+    platform::FileStatus status = {};
+    return platform::os.path_set_mode(path.c_str(), 0600) == 0 &&
+           platform::os.path_status(path.c_str(), true, &status) == 0 && (status.mode & 0777) == 0600;
+}
+
+bool has_symbolic_links() {
+    const TempFolder folder;
+    std::error_code error;
+    fs::create_symlink(native(folder.write("target", "")), native(folder.path("link")), error);
+    return !error;
+}
+
+bool has_file_to_socket() {
+    size_t sent = 0;
+    return platform::os.socket_send_file(platform::kNoSocket, -1, 0, 1, &sent) != CM_EINVAL;
+}
+
+bool has_full_device() {
+    int32_t descriptor = -1;
+    if (platform::os.file_open("/dev/full", CM_O_WRONLY, &descriptor) != 0) return false;
+    platform::os.file_close(descriptor);
+    return true;
+}
+
+}  // namespace
+
+const char *missing(Feature feature) {
+    switch (feature) {
+        case Feature::kFileModes:
+            return has_file_modes() ? nullptr : "owner and others have the same permissions on this system";
+        case Feature::kSymbolicLinks:
+            return has_symbolic_links() ? nullptr : "this system or account makes no symbolic links";
+        case Feature::kFileToSocket:
+            return has_file_to_socket() ? nullptr : "this system has no call from a file to a socket; pieces are sent";
+        case Feature::kFullDevice:
+            return has_full_device() ? nullptr : "this system has no device that is always full";
+    }
+    return nullptr;
+}
+
 std::string child_program() {
     return CM_TEST_CHILD;
 }

@@ -47,6 +47,19 @@ std::vector<std::string> lines_of(std::string_view text);
 // The lines of a log file without the leading "[date time] ".
 std::vector<std::string> log_lines(const std::string &path);
 
+// ---- what a system has ----------------------------------------------------------------------------------------------
+
+enum class Feature {
+    kFileModes,     // permissions of owner and others apart
+    kSymbolicLinks,
+    kFileToSocket,  // socket_send_file
+    kFullDevice     // a device without room for anything
+};
+
+// Null, or why a test that needs it is skipped:
+//     if (const char *why = missing(Feature::kFileModes)) GTEST_SKIP() << why;
+const char *missing(Feature feature);
+
 // ---- failures -------------------------------------------------------------------------------------------------------
 
 // Counts the calls of the chosen groups and makes the k-th one fail, without carrying it out:

@@ -21,15 +21,34 @@ int print_words(int count, char **words) {
 
 int echo() {
     char buffer[4096];
-    while (const size_t got = fread(buffer, 1, sizeof buffer, stdin)) fwrite(buffer, 1, got, stdout);
+    size_t got = 0, written = 0;
+    while (kSystem.file_read(0, buffer, sizeof buffer, &got) == 0 && got > 0)
+        kSystem.file_write(1, buffer, got, &written);
     return 0;
 }
 
-int print_descriptors() {
-    std::error_code none;
+// Handles that came from the parent are the inheritable ones where the system has such a mark.
+int count_inherited(int (*handle_information)(void *handle, unsigned long *flags)) {
     int count = 0;
+    for (uintptr_t handle = 4; handle < 4096; handle += 4) {
+        unsigned long flags = 0;
+        count += handle_information(reinterpret_cast<void *>(handle), &flags) != 0 && (flags & 1) != 0;
+    }
+    return count;
+}
+
+int count_descriptors() {
+    std::error_code none;
+    int count = -1;  // one is the listing's own
     for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd", none)) count += !entry.path().empty();
-    printf("%d\n", count > 0 ? count - 1 : 3);  // one is the listing's own
+    return count;
+}
+
+int print_descriptors() {
+    void *kernel = kSystem.library_open("kernel32.dll");
+    void *symbol = kernel == nullptr ? nullptr : kSystem.library_symbol(kernel, "GetHandleInformation");
+    printf("%d\n", symbol == nullptr ? count_descriptors()
+                                     : count_inherited(reinterpret_cast<int (*)(void *, unsigned long *)>(symbol)));
     return 0;
 }
 
