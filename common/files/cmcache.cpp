@@ -184,9 +184,17 @@ void attach(cm_file *handle, cm_cache_rec *entry) {
     handle->kind = 2;
 }
 
-// Reads the whole file in one read; null when that much did not arrive.
-void *read_whole(cm_context *ctx, const char *path, int32_t flags, int32_t size) {
-    auto *data = static_cast<char *>(os.allocate(static_cast<size_t>(size) + 1));
+// Whether that is still the file that was examined, and not one that took its place or was written to meanwhile.
+bool is_examined(int32_t descriptor, const FileStatus &status) {
+    FileStatus opened;
+    return os.file_status(descriptor, &opened) == 0 && opened.index == status.index && opened.size == status.size &&
+           opened.mtime == status.mtime;
+}
+
+// Reads the whole file in one read; null when it is not what was examined or that much did not arrive.
+void *read_whole(cm_context *ctx, const char *path, int32_t flags, const FileStatus &status) {
+    const auto size = static_cast<size_t>(status.size);
+    auto *data = static_cast<char *>(os.allocate(size + 1));
     if (data == nullptr) {
         report(ctx, CM_ERROR, "cm_cache_open() Memory allocation of file buffer failed.");
         return nullptr;
@@ -199,7 +207,7 @@ void *read_whole(cm_context *ctx, const char *path, int32_t flags, int32_t size)
         return nullptr;
     }
     const bool whole =
-        os.file_read(descriptor, data, static_cast<size_t>(size), &got) == 0 && got == static_cast<size_t>(size);
+        is_examined(descriptor, status) && os.file_read(descriptor, data, size, &got) == 0 && got == size;
     os.file_close(descriptor);
     if (!whole) {
         os.release(data);
@@ -224,7 +232,7 @@ bool load(cm_cache *cache, cm_file *handle, const Key &key, int32_t flags, const
         report(ctx, CM_ERROR, "cm_cache_open() Memory allocation of cache handle failed.");
         return false;
     }
-    entry->data = read_whole(ctx, handle->name, flags, entry->size);
+    entry->data = read_whole(ctx, handle->name, flags, status);
     if (entry->data == nullptr || !enter(cache, cache->file_table, key, entry)) {
         free_entry(entry);
         return true;

@@ -194,8 +194,8 @@ bool add_task(cm_cron *cron, const char *name, cm_task_fn function, cm_value arg
     if (kind == PeriodKind::kFields) {
         command = fields;
         valid = parse_period(command, sets_of(task));
-        fields.remove_suffix(command.size());
         if (!valid) command = {};
+        fields.remove_suffix(command.size());
         apply_day_rule(sets_of(task));
     }
     if (function == nullptr) {
