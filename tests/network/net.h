@@ -1,10 +1,6 @@
-// A started network and its peers, for the tests of this folder.  Peers are bare sockets of the platform's table, so
-// that nothing of what is tested stands on both ends.
+// A started network, for the tests of this folder.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -12,116 +8,16 @@
 #include <vector>
 
 #include "core/relaxed.h"
-#include "net/address.h"
 #include "net/cmnet.h"
-#include "support/support.h"
+#include "support/data.h"
+#include "support/failures.h"
+#include "support/replace.h"
+#include "support/sockets.h"
 
 namespace cm::test {
 
-using platform::os;
-
-inline uint32_t address_of(const char *dotted) {
-    uint32_t address = 0;
-    EXPECT_TRUE(net::parse_dotted(dotted, &address)) << dotted;
-    return address;
-}
-
-// Alerts of a context while it lives, each as "subject: message".
-class Alerts {
-public:
-    explicit Alerts(cm_context *ctx) : ctx_(ctx) {
-        all().clear();
-        ctx->alert_handler = take;
-    }
-    ~Alerts() {
-        cm_context *running = nullptr;
-        if (cm_ctx_global(&running) == 1 && running == ctx_) ctx_->alert_handler = nullptr;
-    }
-    std::vector<std::string> get() const {
-        const std::lock_guard lock(mutex());
-        return all();
-    }
-
-private:
-    static void CM_CALL take(cm_context *, const cm_alert *alert) {
-        const std::lock_guard lock(mutex());
-        EXPECT_STREQ(alert->category, "Networking");
-        all().push_back(std::string(alert->subject) + ": " + alert->message);
-    }
-    static std::vector<std::string> &all() {
-        static std::vector<std::string> alerts;
-        return alerts;
-    }
-    static std::mutex &mutex() {
-        static std::mutex mutex;
-        return mutex;
-    }
-    cm_context *const ctx_;
-};
-
-// The other end of a connection.
-class Peer {
-public:
-    explicit Peer(cm_socket socket) : socket_(socket) {}
-    // Connects to a port of 127.0.0.1, from an address of the loopback network.
-    explicit Peer(uint32_t port, const char *from = "127.0.0.1") {
-        EXPECT_EQ(os.socket_open(platform::SocketKind::kStream, &socket_), 0);
-        EXPECT_EQ(os.socket_bind(socket_, address_of(from), 0), 0);
-        EXPECT_EQ(os.socket_option(socket_, platform::SocketOption::kReceiveTimeout, 20000), 0);
-        error_ = os.socket_connect(socket_, address_of("127.0.0.1"), static_cast<int32_t>(port));
-    }
-    ~Peer() { close(); }
-    Peer(const Peer &) = delete;
-    Peer &operator=(const Peer &) = delete;
-
-    platform::Error error() const { return error_; }
-    cm_socket socket() const { return socket_; }
-    void close() {
-        if (socket_ != platform::kNoSocket) os.socket_close(socket_);
-        socket_ = platform::kNoSocket;
-    }
-    void reset() {  // a close that the other side sees as a reset
-        os.socket_option(socket_, platform::SocketOption::kLinger, 0);
-        close();
-    }
-    bool send(std::string_view text) {
-        for (size_t count = 0; !text.empty(); text.remove_prefix(count)) {
-            const platform::Slice slice = {text.data(), text.size()};
-            if (os.socket_send(socket_, &slice, 1, false, &count) != 0) return false;
-        }
-        return true;
-    }
-    // Up to `most` bytes; ends early at the end of the stream or with a failure, which leaves its number in error().
-    std::string receive(size_t most = SIZE_MAX) {
-        std::string text;
-        std::vector<char> piece(std::min<size_t>(most, 65536));
-        for (size_t got = 1; got > 0 && text.size() < most; text.append(piece.data(), got)) {
-            got = 0;
-            error_ = os.socket_receive(socket_, piece.data(), std::min(piece.size(), most - text.size()), false, &got);
-            if (error_ != 0) break;
-        }
-        return text;
-    }
-    uint32_t port() const {
-        uint32_t address = 0;
-        int32_t port = 0;
-        EXPECT_EQ(os.socket_local(socket_, &address, &port), 0);
-        return static_cast<uint32_t>(port);
-    }
-
-private:
-    cm_socket socket_ = platform::kNoSocket;
-    platform::Error error_ = 0;
-};
-
-// Waits (really) until something that another thread does has come true.
-inline bool eventually(const std::function<bool()> &come_true, int seconds = 20) {
-    for (int round = 0; round < seconds * 200; round++) {
-        if (come_true()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
-}
+using platform::Error;
+using platform::Table;
 
 // Ends the library's own threads, so that none of them uses the table while a test replaces entries of it.
 inline void end_threads(cm_context *ctx) {
@@ -139,9 +35,12 @@ inline int32_t threads(cm_context *ctx) {
 class Net {
 public:
     explicit Net(const char *common = "", const std::function<void(TempFolder &)> &prepare = nullptr)
-        : lib(common, prepare), alerts(lib.ctx()) {
+        : lib(common, prepare) {
         EXPECT_TRUE(lib.ok()) << lib.notices();
         end_threads(lib);
+        heard_ = lib.log().size();
+        alerts_.clear();
+        lib.ctx()->alert_handler = take_alert;
         EXPECT_EQ(cm_net_init(lib, 0, &state), 1);
     }
     ~Net() { stop(); }
@@ -156,14 +55,21 @@ public:
         state = nullptr;
     }
 
-    cm_conn *listen(int32_t read_timeout = 20) {
+    cm_conn *listen(int32_t read_timeout = 20, const char *address = "127.0.0.1", int32_t port = 0) {
         cm_conn *listener = nullptr;
-        EXPECT_EQ(cm_net_listen(state, "127.0.0.1", 0, 128, read_timeout, 0, &listener), 1);
+        const int16_t result = cm_net_listen(state, address, port, 128, read_timeout, 0, &listener);
+        EXPECT_EQ(result, listener != nullptr);
         return listener;
     }
-    cm_conn *accept(cm_conn *listener) {
+    cm_conn *listen_udp() {
+        cm_conn *listener = nullptr;
+        EXPECT_EQ(cm_net_listenu(state, "127.0.0.1", 0, &listener), 1);
+        return listener;
+    }
+    cm_conn *accept(cm_conn *listener) {  // null: failed
         cm_conn *conn = nullptr;
-        EXPECT_EQ(cm_net_accept(state, listener, 0, &conn), 1);
+        const int16_t result = cm_net_accept(state, listener, 0, &conn);
+        EXPECT_EQ(result, conn != nullptr);
         return conn;
     }
     std::string receive(cm_conn *conn, int32_t size = 4096) {
@@ -173,13 +79,36 @@ public:
         text.resize(static_cast<size_t>(count));
         return text;
     }
+    bool send(cm_conn *conn, const std::string &text) {
+        return cm_net_send(state, conn, text.data(), static_cast<int32_t>(text.size())) == 1;
+    }
     bool closed(const cm_conn *conn) const { return net::has_flag(conn, CM_CONN_CLOSED); }
     int32_t open() const { return load_relaxed(state->open_count); }
     std::string trace() { return lib.folder().read("log/network.log"); }
 
+    // What was logged, and the alerts as "subject: message", since the last call; "\n" behind each.
+    std::string said() {
+        std::string text;
+        for (const Strings lines = lib.log(); heard_ < lines.size(); heard_++) text += lines[heard_] + "\n";
+        return text;
+    }
+    std::string alerts() {
+        const std::lock_guard lock(mutex_);
+        return std::exchange(alerts_, "");
+    }
+
     Library lib;
-    Alerts alerts;
     cm_net_state *state = nullptr;
+
+private:
+    static void CM_CALL take_alert(cm_context *, const cm_alert *alert) {
+        const std::lock_guard lock(mutex_);
+        EXPECT_STREQ(alert->category, "Networking");
+        alerts_ += std::string(alert->subject) + ": " + alert->message + "\n";
+    }
+    inline static std::mutex mutex_;
+    inline static std::string alerts_;
+    size_t heard_ = 0;
 };
 
 // A connection with both of its ends.

@@ -57,40 +57,38 @@ TEST(Stress, ThousandsOfConnectionsThroughATableOfThreeHundred) {
 TEST(Stress, ForcedClosesUnderLoad) {
     Net net("Maximum Connections = 64\nNetwork Trace Level = PACKETS");
     cm_conn *listener = net.listen(2);
-    const uint32_t port = listener->peer_port;
+    const auto port = static_cast<int32_t>(listener->peer_port);
     std::atomic<bool> stop = false;
     std::atomic<int> rounds = 0;
+    const auto serve = [&] {
+        cm_conn *conn = nullptr;
+        if (cm_net_accept(net.state, listener, 0, &conn) == 0) return false;
+        answer(net.state, conn);
+        cm_net_close(net.state, conn, 0);
+        return true;
+    };
+    const auto ask = [&] {
+        cm_conn *conn = nullptr;
+        if (cm_net_connect(net.state, "127.0.0.1", port, 2, 0, 0, &conn, nullptr) == 0) return true;
+        net.send(conn, "hello");
+        net.receive(conn, 16);
+        cm_net_isalive(net.state, conn);
+        cm_net_close(net.state, conn, 1);
+        return ++rounds, true;
+    };
+    const auto change = [&] {
+        if (rounds % 2 == 0)
+            cm_net_initip(net.lib);
+        else
+            cm_net_trace(net.lib, rounds % 3 == 0 ? CM_NTRACE_PACKETS : CM_NTRACE_OPENCLOSE);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return true;
+    };
     std::vector<std::thread> threads;
-    for (int t = 0; t < 6; t++)
-        threads.emplace_back([&] {
-            while (!stop) {
-                cm_conn *conn = nullptr;
-                if (cm_net_accept(net.state, listener, 0, &conn) == 0) break;
-                answer(net.state, conn);
-                cm_net_close(net.state, conn, 0);
-            }
-        });
-    for (int t = 0; t < 6; t++)
-        threads.emplace_back([&] {
-            while (!stop) {
-                cm_conn *conn = nullptr;
-                int32_t error = 0, count = 0;
-                char text[16];
-                if (cm_net_connect(net.state, "127.0.0.1", static_cast<int32_t>(port), 2, 0, 0, &conn, &error) == 0)
-                    continue;
-                cm_net_send(net.state, conn, "hello", 5);
-                cm_net_receive(net.state, conn, text, sizeof text, &count);
-                cm_net_isalive(net.state, conn);
-                cm_net_close(net.state, conn, 1);
-                rounds++;
-            }
-        });
-    for (int t = 0; t < 4; t++)
-        threads.emplace_back([&, t] {
-            for (int i = 0; !stop; i++) {
-                if (t % 2 == 0) cm_net_initip(net.lib);
-                if (t % 2 == 1) cm_net_trace(net.lib, i % 2 == 0 ? CM_NTRACE_PACKETS : CM_NTRACE_OPENCLOSE);
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const std::function<bool()> steps[] = {serve, ask, change};
+    for (size_t t = 0; t < 16; t++)
+        threads.emplace_back([&, step = steps[t < 12 ? t % 2 : 2]] {
+            while (!stop && step()) {
             }
         });
     EXPECT_TRUE(eventually([&] { return rounds > 200; }));

@@ -2,7 +2,8 @@
 //
 //     const Replace<&platform::Table::sleep> sleep([&](int32_t ms) { return slept += ms, true; });
 //
-// `real` is what was there before.  At most one of each entry at a time, unless they end in reverse order.
+// The function may call what it found in the table before.  There is at most one of each entry and level at a time; one
+// within the life of another takes the next level.
 #pragma once
 
 #include <functional>
@@ -12,21 +13,19 @@
 
 namespace cm::test {
 
-template <auto kEntry>
+template <auto kEntry, int kLevel = 0>
 class Replace;
 
-template <class Result, class... Arguments, Result (*platform::Table::*kEntry)(Arguments...)>
-class Replace<kEntry> {
+template <class Result, class... Arguments, Result (*platform::Table::*kEntry)(Arguments...), int kLevel>
+class Replace<kEntry, kLevel> {
 public:
-    using Function = std::function<Result(Arguments...)>;
-
-    explicit Replace(Function instead)
-        : real(platform::os.*kEntry), before_(std::exchange(instead_, std::move(instead))) {
+    explicit Replace(std::function<Result(Arguments...)> instead) : real(platform::os.*kEntry) {
+        instead_ = std::move(instead);
         platform::os.*kEntry = [](Arguments... arguments) { return instead_(arguments...); };
     }
     ~Replace() {
         platform::os.*kEntry = real;
-        instead_ = std::move(before_);
+        instead_ = nullptr;
     }
     Replace(const Replace &) = delete;
     Replace &operator=(const Replace &) = delete;
@@ -34,8 +33,7 @@ public:
     Result (*const real)(Arguments...);
 
 private:
-    inline static Function instead_;
-    Function before_;
+    inline static std::function<Result(Arguments...)> instead_;
 };
 
 }  // namespace cm::test
