@@ -364,10 +364,12 @@ bool start_scheduler(Start &start) {
                                                   kTaskOfLibrary, 0, "0 * * * *") != 0;
 }
 
-bool start_dial_up(Start &) {
-    return true;
+bool start_dial_up(Start &start) {
+    return cm_ras_init(start.ctx) != 0;
 }
-void stop_dial_up(cm_context *) {}
+void stop_dial_up(cm_context *ctx) {
+    cm_ras_exit(ctx);
+}
 
 bool start_file_cache(Start &start) {
     return cm_cache_init(start.ctx) != 0;
@@ -376,7 +378,9 @@ void stop_file_cache(cm_context *ctx) {
     cm_cache_exit(ctx);
 }
 
-void unload_libraries(cm_context *) {}
+void unload_libraries(cm_context *ctx) {
+    cm_dlls_free(ctx);
+}
 
 // ---- the tables -----------------------------------------------------------------------------------------------------
 

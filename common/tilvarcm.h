@@ -1021,6 +1021,70 @@ CM_API double  CM_CALL cm_atof(const char *text, int32_t length);
  * generator, fit for names and nonces that nobody should guess. */
 CM_API int32_t CM_CALL cm_random(int32_t low, int32_t high);
 
+/* ---------- circular buffers ----------
+ * Bytes between a producer and a consumer, oldest first.  A buffer has no lock.
+ *   size    bytes that it holds at most, above 0
+ *   stored, got  how many there was room for, or were there: the result is 1 also when that is fewer, or none
+ * cm_cbuf_peek reads without consuming, cm_cbuf_reset forgets what is in it.  cm_cbuf_used and cm_cbuf_room are counts.  A
+ * buffer in a pool goes with the pool; cm_cbuf_free gives back one without. */
+typedef struct cm_cbuf cm_cbuf;
+CM_API int16_t CM_CALL cm_cbuf_alloc(cm_context *ctx, cm_mem_pool *pool, int32_t size, cm_cbuf **out);
+CM_API int16_t CM_CALL cm_cbuf_free(cm_cbuf *buffer);
+CM_API int16_t CM_CALL cm_cbuf_put(cm_cbuf *buffer, const void *data, int32_t length, int32_t *stored);
+CM_API int16_t CM_CALL cm_cbuf_get(cm_cbuf *buffer, void *data, int32_t length, int32_t *got);
+CM_API int16_t CM_CALL cm_cbuf_peek(cm_cbuf *buffer, void *data, int32_t length, int32_t *got);
+CM_API int32_t CM_CALL cm_cbuf_used(cm_cbuf *buffer);
+CM_API int32_t CM_CALL cm_cbuf_room(cm_cbuf *buffer);
+CM_API int16_t CM_CALL cm_cbuf_reset(cm_cbuf *buffer);
+
+/* ---------- processes and services ----------
+ * Child processes run without a shell.  The command line is split into words as Windows programs do it (double quotes keep
+ * blanks together, a backslash takes the meaning from a quote), and its first word is the program: a path, or a name that
+ * is looked for as the system does.  Input and both outputs are the null device, no other descriptor or handle reaches
+ * the child, and whatever the child starts itself belongs to it: a kill ends them all.  A program whose output is wanted
+ * writes it to a file.
+ *   ctx        whose log hears of a failure; null: the started context's
+ *   directory  where the child starts; null: where this process is
+ *
+ * cm_spawn gives a handle that names this child and never another one, also after its end, when the system may have given
+ * its number away.  Any thread may use it.  cm_exitcode gives it back once it has told the child's end; without out_process
+ * the child is left to itself.  cm_exec waits: at most `timeout` seconds (0 and below: without limit), then the child is
+ * killed, with a line in the log, and the result is 0, as it is when the thread is asked to end.  An exit code is what the
+ * program ended with; elsewhere than on Windows 128 and the signal's number when a signal ended it. */
+CM_API int16_t CM_CALL cm_spawn(cm_context *ctx, const char *command, const char *directory, cm_value *out_process);
+CM_API int16_t CM_CALL cm_exec(cm_context *ctx, const char *command, const char *directory, int32_t timeout, int32_t *out_exit_code);
+
+/* The child has ended: 1, and the handle is dead.  0: it still runs, or the handle is dead already. */
+CM_API int16_t CM_CALL cm_exitcode(cm_value process, int32_t *out_exit_code);
+/* Kills a child and what it started.  Its handle stays until cm_exitcode. */
+CM_API int16_t CM_CALL cm_kill(cm_value process);
+
+/* Any process of the system, by its number.  cm_killid ends that one alone, as far as the system allows it. */
+CM_API int16_t CM_CALL cm_killid(int32_t process_id);
+CM_API int16_t CM_CALL cm_isrunning(int32_t process_id);
+
+/* Waits for the end of a child, or for a handle of the system to be signalled: a HANDLE on Windows, where the thread's
+ * window messages are dispatched meanwhile, elsewhere a descriptor other than 0 that becomes readable.
+ *   milliseconds  below 0: without limit
+ * 0: time is up, the thread is asked to end, not a handle. */
+CM_API int16_t CM_CALL cm_waitforobject(cm_value object, int32_t milliseconds);
+
+/* What the service manager of Windows, systemd, or else a script of /etc/init.d says.  Where there is none of them: 0. */
+CM_API int16_t CM_CALL cm_issvcinstalled(const char *service);
+CM_API int16_t CM_CALL cm_issvcrunning(const char *service);
+
+/* ---------- libraries loaded at run time ----------
+ * A module is opened at the first look-up in it and stays open under its name (letter case counts where it does for files)
+ * until cm_dll_close, or cm_dlls_free, which cm_ctx_exit calls; what was looked up in it is gone then.  Modules are looked
+ * for in the system's own folders, never in the working directory; "libeay32.dll" and "ssleay32.dll" stand for the newest
+ * installed version of the two TLS libraries, whatever its files are called.
+ *
+ * cm_dllfunc_lookup looks into a module that is open already, and opens none.  0: no such module, no such function. */
+CM_API int16_t CM_CALL cm_dll_lookup(cm_context *ctx, const char *module, const char *function, void **out_function);
+CM_API int16_t CM_CALL cm_dllfunc_lookup(cm_context *ctx, const char *module, const char *function, void **out_function);
+CM_API int16_t CM_CALL cm_dll_close(cm_context *ctx, const char *module);
+CM_API int16_t CM_CALL cm_dlls_free(cm_context *ctx);
+
 /* ---------- ciphers ----------
  * The two-way cipher hides values of configuration files from a glance.  It is obfuscation, not protection: its phrase
  * ("Public Key", or a default that everybody has) lies beside what it hides.  The same text always gives the same result,
@@ -1278,6 +1342,59 @@ CM_API int16_t CM_CALL cm_net_dnssendto(cm_net_state *state, uint32_t address, i
  * and fails when one is too long. */
 CM_API int16_t CM_CALL cm_net_recv(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int32_t timeout, int32_t *out_count);
 CM_API int16_t CM_CALL cm_net_recvfrom(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int32_t timeout, int32_t *out_count, uint32_t *out_address, int32_t *out_port);
+
+/* cm_net_hostsendto is cm_net_dnssendto for a host: dotted text or a name.  cm_net_broadcast sends to every host of the
+ * link, from a local port (0: any) that others may share.  Both fail with an alert "connect" where no socket is to be had. */
+CM_API int16_t CM_CALL cm_net_hostsendto(cm_net_state *state, const char *host, int32_t port, const void *data, int32_t length, cm_conn **io_conn);
+CM_API int16_t CM_CALL cm_net_broadcast(cm_net_state *state, int32_t local_port, int32_t remote_port, const void *data, int32_t length);
+
+/* ---------- hosts and sockets ----------
+ * cm_net_ping sends one ICMP echo request and waits `timeout` seconds for its answer.  It needs the right to do so: the
+ * administrator's, or on Linux a group of "net.ipv4.ping_group_range".
+ *
+ * cm_net_macaddr gives the six bytes of the hardware address of this host or another one of the link; elsewhere than on
+ * Windows only one that was heard from lately (a ping sees to that).  0: not known, or the address has none.
+ *
+ * cm_net_hostaddr takes dotted text or a name; what cannot be found is logged. */
+CM_API int16_t CM_CALL cm_net_ping(cm_net_state *state, const char *host, int32_t timeout, int32_t *out_milliseconds);
+CM_API int16_t CM_CALL cm_net_macaddr(cm_net_state *state, uint32_t address, unsigned char out_mac[6]);
+CM_API int16_t CM_CALL cm_net_hostaddr(cm_net_state *state, const char *host, uint32_t *out_address);
+
+/* The socket of a handle: an option, with the system's own numbers for level and option (a time-out of sending or receiving
+ * is an int32_t of milliseconds on every system), and its local address and port. */
+CM_API int16_t CM_CALL cm_net_setsockopt(cm_net_state *state, cm_conn *conn, int32_t level, int32_t option, const void *value, int32_t length);
+CM_API int16_t CM_CALL cm_net_sockname(cm_net_state *state, cm_conn *conn, uint32_t *out_address, int32_t *out_port);
+
+/* ---------- clock synchronisation ----------
+ * cm_ntp_sync asks a time server once, over SNTP, and sets the clock of the machine to the second, for which the process
+ * needs the right.  Answers that are not from the server, or not to this request, are passed over; it waits ten seconds.
+ *   server   dotted text or a name
+ *   message  1024 bytes at least: why it failed; "" after success
+ * A clock that is more than four days off is left alone.
+ *
+ * cm_ntp_cron is the same as a task for the context's "NTP Server" (its argument is the network state): a failure is
+ * logged, the result is 1.  cm_net_init registers it as "NTP Synchronization" when "NTP Server" and "NTP Cron" are set. */
+CM_API int16_t CM_CALL cm_ntp_sync(cm_context *ctx, cm_net_state *net, const char *server, char *message);
+CM_API int16_t CM_CALL cm_ntp_cron(cm_context *ctx, const char *argument, cm_value net);
+
+/* ---------- dial-up line ----------
+ * With "Dial-On-Demand", cm_net_connect dials the line "Dial-On-Demand Entry" (of the system's phone book, with user and
+ * password) before it connects to any host but 127.0.0.1.  There is one line, which connections share.  It is hung up when
+ * the last of them has been closed for "Dial-On-Demand Timeout" seconds, or when none was opened or closed for "Dial-On-
+ * Demand Busy Timeout" seconds though some still count as open; a task looks every minute.  "Dial-On-Demand Trace" logs
+ * what happens to it.  cm_ctx_init and cm_ctx_exit call cm_ras_init and cm_ras_exit.
+ *
+ *   cm_ras_dialup       1: the line is up, and the caller counts as one of its connections
+ *   cm_ras_hangup       one connection less; 0 when there was none
+ *   cm_ras_checkstatus  1: the line is up.  A line that is down, though it was dialled, is dialled anew the next time
+ *
+ * There are such lines on Windows only.  Elsewhere cm_ras_init and cm_ras_exit succeed and cm_ras_dialup fails, with a
+ * line in the log. */
+CM_API int16_t CM_CALL cm_ras_init(cm_context *ctx);
+CM_API int16_t CM_CALL cm_ras_exit(cm_context *ctx);
+CM_API int16_t CM_CALL cm_ras_dialup(cm_context *ctx);
+CM_API int16_t CM_CALL cm_ras_hangup(cm_context *ctx);
+CM_API int16_t CM_CALL cm_ras_checkstatus(cm_context *ctx);
 
 /* ---------- resolver ----------
  * Host names and IPv4 addresses.  cm_ctx_init and cm_ctx_exit call cm_dns_init, cm_dns_optimize (once the settings are

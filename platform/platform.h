@@ -29,6 +29,12 @@ using Error = int32_t;
 extern const char *const kLastResortTemp;  // the temporary folder when neither TEMP nor TMP is set
 extern const bool kFoldsPathCase;          // whether two spellings of one name are the same file
 
+// The files of the TLS library's two modules, newest version first; those of one row belong together.  Ends with nulls.
+struct LibraryPair {
+    const char *crypto, *tls;
+};
+extern const LibraryPair kTlsLibraries[];
+
 // ---- time -----------------------------------------------------------------------------------------------------------
 
 struct WallTime {
@@ -68,7 +74,9 @@ struct Event;   // an auto-reset in-process event
 
 constexpr cm_socket kNoSocket = -1;
 
-enum class SocketKind : int32_t { kStream, kDatagram };
+// kEcho sends ICMP messages and receives the answers to them, with or without the IP head before them; where it takes the
+// administrator's rights it may receive answers to others as well.
+enum class SocketKind : int32_t { kStream, kDatagram, kEcho };
 
 enum class SocketOption : int32_t {
     kKeepAlive,           // 0 or 1
@@ -106,6 +114,12 @@ struct Wake {
 // ---- processes ------------------------------------------------------------------------------------------------------
 
 struct Process;  // one started child, from process_start to process_release
+
+// ---- dial-up --------------------------------------------------------------------------------------------------------
+
+struct Line;  // one dialled line, from line_dial to line_hang_up
+
+constexpr Error kNotSupported = 10045;  // this system has no such thing
 
 // ---- the table ------------------------------------------------------------------------------------------------------
 
@@ -225,6 +239,29 @@ struct Table {
     void (*process_kill)(Process *process);                // the whole group
     int32_t (*process_id)(Process *process);
     void (*process_release)(Process *process);
+
+    // Processes by number: somebody's.  Never a group of them, and never this process itself.
+    bool (*process_running)(int32_t id);                   // false as well for one that has ended and was not waited for
+    Error (*process_end)(int32_t id);
+
+    // Waits that keep the window messages of the thread going, where there are any: for the end of a child, and for
+    // anything of the system that can be waited for, a HANDLE, elsewhere a descriptor that becomes readable.  False: time
+    // is up, not such a thing, or the thread was asked to end.
+    bool (*process_await)(Process *process, int32_t timeout_ms);
+    bool (*object_wait)(intptr_t object, int32_t timeout_ms);
+
+    // Services, as the system that starts them tells.
+    bool (*service_installed)(const char *name);
+    bool (*service_running)(const char *name);
+
+    // The link.  CM_EHOSTUNREACH: the address is not known there.
+    Error (*hardware_address)(uint32_t address, uint8_t out[6]);
+
+    // Dial-up lines.  line_dial returns when the line is up.
+    Error (*line_dial)(const char *entry, const char *user, const char *password, Line **out_line);
+    bool (*line_connected)(Line *line);
+    void (*line_hang_up)(Line *line);                      // and forgets it; connected or not
+    void (*line_error_text)(Error error, char *out, size_t size);  // of line_dial; "" where there is none
 };
 
 extern Table os;            // what the library calls

@@ -103,6 +103,18 @@ bool process_wait(Process *process, int32_t timeout_ms, int32_t *out_exit_code);
 void process_kill(Process *process);
 int32_t process_id(Process *process);
 void process_release(Process *process);
+bool process_running(int32_t id);
+Error process_end(int32_t id);
+bool process_await(Process *process, int32_t timeout_ms);
+bool object_wait(intptr_t object, int32_t timeout_ms);
+
+bool service_installed(const char *name);
+bool service_running(const char *name);
+Error hardware_address(uint32_t address, uint8_t out[6]);
+Error line_dial(const char *entry, const char *user, const char *password, Line **out_line);
+bool line_connected(Line *line);
+void line_hang_up(Line *line);
+void line_error_text(Error error, char *out, size_t size);
 
 constexpr Table kTable = {
     .allocate = allocate,
@@ -194,6 +206,17 @@ constexpr Table kTable = {
     .process_kill = process_kill,
     .process_id = process_id,
     .process_release = process_release,
+    .process_running = process_running,
+    .process_end = process_end,
+    .process_await = process_await,
+    .object_wait = object_wait,
+    .service_installed = service_installed,
+    .service_running = service_running,
+    .hardware_address = hardware_address,
+    .line_dial = line_dial,
+    .line_connected = line_connected,
+    .line_hang_up = line_hang_up,
+    .line_error_text = line_error_text,
 };
 
 }  // namespace cm::platform::system

@@ -17,7 +17,7 @@
 namespace cm::net {
 
 const Transport *transport = nullptr;
-cm_task_fn ntp_task = nullptr;
+cm_task_fn ntp_task = cm_ntp_cron;
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 namespace cm::net {
 
-// What "NTP Synchronization" runs on a thread of its own; null until the SNTP client is there.  Its argument is the
+// What "NTP Synchronization" runs on a thread of its own: cm_ntp_cron, unless a test replaces it.  Its argument is the
 // network state, which may be stopping while it runs.
 extern cm_task_fn ntp_task;
 

@@ -298,6 +298,8 @@ Error process_start(const char *command, const char *directory, const int32_t st
 
 bool process_wait(Process *process, int32_t timeout_ms, int32_t *out_exit_code) {
     const Deadline limit(timeout_ms);
+    int32_t unwanted = 0;
+    if (out_exit_code == nullptr) out_exit_code = &unwanted;
     for (;;) {
         if (has_ended(process, out_exit_code)) return true;
         const int32_t left = limit.left_ms();

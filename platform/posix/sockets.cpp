@@ -241,7 +241,9 @@ Error host_by_address(uint32_t address, char *out_name, size_t size) {
 
 Error socket_open(SocketKind kind, cm_socket *out_socket) {
     const int type = kind == SocketKind::kStream ? SOCK_STREAM : SOCK_DGRAM;
-    const int opened = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    const int protocol = kind == SocketKind::kEcho ? IPPROTO_ICMP : 0;
+    int opened = ::socket(AF_INET, type | SOCK_CLOEXEC, protocol);
+    if (opened == -1 && kind == SocketKind::kEcho) opened = ::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, protocol);
     if (opened == -1) return error_number(errno);
     *out_socket = opened;
     return 0;

@@ -233,8 +233,9 @@ Error host_by_address(uint32_t address, char *out_name, size_t size) {
 }
 
 Error socket_open(SocketKind kind, cm_socket *out_socket) {
-    const bool stream = kind == SocketKind::kStream;
-    const int type = stream ? SOCK_STREAM : SOCK_DGRAM, protocol = stream ? IPPROTO_TCP : IPPROTO_UDP;
+    const bool stream = kind == SocketKind::kStream, datagram = kind == SocketKind::kDatagram;
+    const int type = stream ? SOCK_STREAM : datagram ? SOCK_DGRAM : SOCK_RAW;
+    const int protocol = stream ? IPPROTO_TCP : datagram ? IPPROTO_UDP : IPPROTO_ICMP;
     constexpr DWORD kFlags = WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT;
     SOCKET made = WSASocketW(AF_INET, type, protocol, nullptr, 0, kFlags);
     if (made == INVALID_SOCKET && start_after(net_error()))

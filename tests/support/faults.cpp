@@ -82,7 +82,7 @@ void install_all() {
             &T::socket_shutdown, &T::socket_bind, &T::socket_listen, &T::socket_accept, &T::socket_connect,
             &T::socket_connect_result, &T::socket_local, &T::socket_peer, &T::socket_set_blocking, &T::socket_option,
             &T::socket_raw_option, &T::socket_send, &T::socket_send_file, &T::socket_receive, &T::socket_send_to,
-            &T::socket_receive_from, &T::socket_wait, &T::wake_create>();
+            &T::socket_receive_from, &T::socket_wait, &T::wake_create, &T::hardware_address>();
     install_closers<Faults::kSockets, &T::socket_close, &T::network_stop>();
     install<Faults::kThreads, &T::thread_start>();
     install<Faults::kLocks, &T::lock_create, &T::event_create>();
