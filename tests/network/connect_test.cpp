@@ -53,7 +53,7 @@ TEST(Connect, ReachesAListener) {
 
 TEST(Connect, FailuresAreAlertsWithTheirErrors) {
     Net net;
-    const Socket dead;
+    const BareSocket dead;
     for (const auto &[port, error] : {std::pair(dead.port(), CM_ECONNREFUSED), {65536 + 80, CM_EADDRNOTAVAIL}}) {
         const Result r = connect(net, "127.0.0.1", port);
         EXPECT_TRUE(r.status == 0 && r.conn == nullptr);
@@ -93,12 +93,12 @@ TEST(Connect, FromALocalPort) {
     const uint32_t port = listener->peer_port, in_use = net.listen()->peer_port;
     ASSERT_EQ(connect_from(net, port, 0).status, 1);
     net.accept(listener);
-    const int32_t local = Socket().port();
+    const int32_t local = BareSocket().port();
     ASSERT_EQ(connect_from(net, port, local).status, 1);
     EXPECT_EQ(net.accept(listener)->peer_port, static_cast<uint32_t>(local));
     net.said();
     EXPECT_EQ(connect_from(net, port, in_use).status, 0);
-    const Socket dead;
+    const BareSocket dead;
     EXPECT_EQ(connect_from(net, dead.port(), 0).error, CM_ECONNREFUSED);
     const std::string text =
         "Unable to bind to port " + std::to_string(in_use) + "; the port is in use by another server.\n";
@@ -130,7 +130,7 @@ TEST(Connect, OverADialledLine) {
     EXPECT_EQ(r.conn->flags, uint32_t{CM_CONN_DIALED});
     cm_net_close(net.state, r.conn, 0);
     EXPECT_EQ(hung_up, 1);
-    EXPECT_EQ(connect(net, "127.0.0.2", Socket().port()).status, 0);
+    EXPECT_EQ(connect(net, "127.0.0.2", BareSocket().port()).status, 0);
     EXPECT_EQ(checked, 1);
     EXPECT_EQ(hung_up, 2);
     answer = 0;

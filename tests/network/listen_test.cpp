@@ -60,7 +60,7 @@ TEST(Listen, TellsItsPortAndAddress) {
 
 TEST(Listen, ASecondServerOnThePortIsRefusedAndARestartedOneIsNot) {
     Net net;
-    const int32_t port = Socket().port();
+    const int32_t port = BareSocket().port();
     cm_conn *first = net.listen(5, "127.0.0.1", port);
     net.said();
     const std::string text =
@@ -84,7 +84,7 @@ TEST(Listen, EveryFailingStepHasItsTexts) {
         Net net;
         const Link link(net);
         const int32_t open = net.open(), made = static_cast<int32_t>(row.number(2));
-        const int32_t port = row[0] == "beside" ? static_cast<int32_t>(link.listener->peer_port) : Socket().port();
+        const int32_t port = row[0] == "beside" ? static_cast<int32_t>(link.listener->peer_port) : BareSocket().port();
         net.said();
         cm_conn *listener = link.conn;
         {

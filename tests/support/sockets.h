@@ -43,17 +43,17 @@ inline bool eventually(const std::function<bool()> &come_true, int seconds = 20)
 }
 
 // Bound to an address of the loopback network and a free port of it; without a listen, nobody can connect there.
-class Socket {
+class BareSocket {
 public:
-    explicit Socket(SocketKind kind = SocketKind::kStream, const char *from = "127.0.0.1") {
+    explicit BareSocket(SocketKind kind = SocketKind::kStream, const char *from = "127.0.0.1") {
         uint32_t address = 0;
         EXPECT_EQ(os.socket_open(kind, &socket_), 0);
         EXPECT_EQ(os.socket_bind(socket_, address_of(from), 0), 0);
         EXPECT_EQ(os.socket_local(socket_, &address, &port_), 0);
     }
-    ~Socket() { close(); }
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
+    ~BareSocket() { close(); }
+    BareSocket(const BareSocket &) = delete;
+    BareSocket &operator=(const BareSocket &) = delete;
 
     cm_socket socket() const { return socket_; }
     int32_t port() const { return port_; }
@@ -73,9 +73,9 @@ private:
 };
 
 // The other end of a connection.
-class Peer : public Socket {
+class Peer : public BareSocket {
 public:
-    explicit Peer(int64_t port, const char *from = "127.0.0.1") : Socket(SocketKind::kStream, from) {
+    explicit Peer(int64_t port, const char *from = "127.0.0.1") : BareSocket(SocketKind::kStream, from) {
         EXPECT_EQ(os.socket_option(socket(), platform::SocketOption::kReceiveTimeout, 20000), 0);
         error_ = os.socket_connect(socket(), address_of("127.0.0.1"), static_cast<int32_t>(port));
     }
@@ -109,9 +109,9 @@ private:
 };
 
 // Sends and receives datagrams behind the back of replaced entries.
-class Udp : public Socket {
+class Udp : public BareSocket {
 public:
-    explicit Udp(const char *from = "127.0.0.1") : Socket(SocketKind::kDatagram, from) {
+    explicit Udp(const char *from = "127.0.0.1") : BareSocket(SocketKind::kDatagram, from) {
         EXPECT_EQ(os.socket_option(socket(), platform::SocketOption::kIgnorePortUnreachable, 1), 0);
     }
 
