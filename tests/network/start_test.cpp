@@ -131,7 +131,7 @@ TEST(Start, RegistersTheTasksThatAreSetAndStopTakesThemBack) {
     Host host;
     cm::net::ntp_task = set_the_clock;
     Net net("Dynamic IP Test = TRUE\nNTP Server = time.example\nNTP Cron = 0 * * * *");
-    EXPECT_EQ(tasks(net.lib), "Dynamic IP Lookup, 1-60/5, 0\nNTP Synchronization, 0 * * * *, 1\n");
+    EXPECT_EQ(tasks(net.lib), "Dynamic IP Lookup, 1-60/5 * * * *, 0\nNTP Synchronization, 0 * * * *, 1\n");
     host.address = "10.9.9.9";
     for (const cm_cron_rec *task = net.lib.ctx()->cron->periodic; task != nullptr; task = task->next) {
         EXPECT_EQ(task->origin, 101);
