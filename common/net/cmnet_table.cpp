@@ -174,7 +174,7 @@ void dismantle(cm_net_state *state, cm_conn *conn, cm_socket socket, bool drain_
     if (socket != kNoSocket) {
         if (drain_first) drain(state, socket);
         if (context_flag(state->ctx, CTX_LINGER_CLOSE)) end_needless_linger(conn, socket);
-        os.socket_shutdown(socket);
+        if (!has_flag(conn, CM_CONN_DATAGRAM)) os.socket_shutdown(socket);
         os.socket_close(socket);
     }
     if (conn->local_port != 0 && opens_traced(state))
