@@ -1117,11 +1117,14 @@ struct cm_poll_entry {
     const char *label;         /* of the thread while it serves; kept */
 };
 
-/* ---------- notice record of tag 1 ---------- */
+/* ---------- notice ---------- */
+/* What a peer says besides its messages (CM_TAG_NOTICE), and who is told: a network state's handler, which a host stores
+ * in `notice` and which runs on the thread that reads.  It must not close its connection; record and text live only
+ * while it runs. */
 struct cm_net_notice {
     int32_t     number[3];     /* the sender's own */
-    int32_t     length;        /* fourth number: text length; -3 lets the encoder measure */
-    const char *text;
+    int32_t     length;        /* of the text, at most 15990; -3 lets the sender measure */
+    const char *text;          /* terminated when received */
 };
 typedef void (CM_CALL *cm_notice_fn)(cm_net_state *state, cm_conn *conn, const cm_net_notice *notice);
 
@@ -1282,17 +1285,6 @@ CM_API int16_t CM_CALL cm_net_closeall(cm_net_state *state);
 CM_API int16_t CM_CALL cm_net_isalive(cm_net_state *state, cm_conn *conn);
 
 /* ---------- buffered input and output ---------- */
-#define CM_TAG_NOTICE  1
-#define CM_TAG_INTEGER 2
-#define CM_TAG_BYTES   3
-#define CM_TAG_BYTES2  4
-#define CM_TAG_BOOL    5
-#define CM_TAG_RAW     6
-#define CM_TAG_NULL    9
-#define CM_TAG_END1    10
-#define CM_TAG_END2    12
-#define CM_TAG_END3    14
-
 /* Reading through the connection's input buffer.  When the peer closes in the middle, what came until then is given with
  * 1 and the handle is CM_CONN_CLOSED from then on.  Every function of this section fails at once on a closed handle, with
  * what is still buffered.
@@ -1304,9 +1296,12 @@ CM_API int16_t CM_CALL cm_net_isalive(cm_net_state *state, cm_conn *conn);
  *   out_text    maximum + 1 bytes; terminated also on failure
  *   out_length  without the terminator
  * cm_net_read takes bytes: what is buffered, and when nothing is, what one receive of up to 4096 bytes brings; with
- * `fill` it goes on until `size` bytes are there. */
+ * `fill` it goes on until `size` bytes are there.
+ * cm_net_peek tells whether the next bytes are `text`, and leaves them unread.  It waits for as many as the text has; a
+ * peer that closes before is no match.  0 when the text and what is unread are over 4096 bytes together. */
 CM_API int16_t CM_CALL cm_net_getarg(cm_net_state *state, cm_conn *conn, char delimiter, int16_t truncate, char *out_text, int32_t maximum, int32_t *out_length);
 CM_API int16_t CM_CALL cm_net_read(cm_net_state *state, cm_conn *conn, int16_t fill, void *buffer, int32_t size, int32_t *out_count);
+CM_API int16_t CM_CALL cm_net_peek(cm_net_state *state, cm_conn *conn, const char *text, int32_t length, int16_t *out_match);
 
 /* Writing through the connection's output buffer of 16000 bytes.  Two flags of the handle encode what is written, as HTTP
  * has it: CM_CONN_CHUNKED (each send is a chunk) and CM_CONN_GZIP (RFC 1952).  Set them between the header of a reply,
@@ -1326,6 +1321,40 @@ CM_API int16_t CM_CALL cm_net_enddata(cm_net_state *state, cm_conn *conn);
 
 /* A handle whose sends are written to a file, created afresh; reading fails.  It counts as an open connection. */
 CM_API int16_t CM_CALL cm_net_fopen(cm_net_state *state, const char *path, cm_conn **out_conn);
+
+/* ---------- tagged messages ---------- */
+#define CM_TAG_NOTICE  1   /* cm_net_notice */
+#define CM_TAG_INTEGER 2   /* int32_t */
+#define CM_TAG_BYTES   3   /* bytes; too long a one closes the reader's connection */
+#define CM_TAG_BYTES2  4   /* bytes; too long a one only fails */
+#define CM_TAG_BOOL    5   /* int16_t, 1 or 0 */
+#define CM_TAG_RAW     6   /* 4 bytes, not converted */
+#define CM_TAG_NULL    9   /* nothing; its length is -1 */
+#define CM_TAG_END1    10  /* ends of a message */
+#define CM_TAG_END2    12
+#define CM_TAG_END3    14
+
+/* Items between the suite's own processes, through the buffers of a connection.  Both functions fail at once on a closed
+ * handle, with what is still buffered.
+ *
+ * cm_net_put puts an item.  An end marker or a notice sends what has gathered.
+ *   value   what the tag holds; not looked at for end markers and nulls
+ *   length  of bytes, at most 15990, -3 measures them as text; of anything: -1 puts a null instead
+ * cm_net_get takes the next item, waiting for it.  Notices go to the state's handler, and the item behind them is the
+ * next.  An item must have arrived whole with what is buffered and one receive of up to 4096 bytes, or it fails.  1 with
+ * tag 0: the peer has closed.
+ *   maximum     bytes that out_value has room for.  0: an end marker is taken, anything else stays unread and only its
+ *               tag is told
+ *   out_length  bytes stored; -1 for a null
+ * cm_net_flush drops the items in the input buffer, with the rest of one that is there in part; notices are delivered. */
+CM_API int16_t CM_CALL cm_net_put(cm_net_state *state, cm_conn *conn, int32_t tag, const void *value, int32_t length);
+CM_API int16_t CM_CALL cm_net_get(cm_net_state *state, cm_conn *conn, int32_t *out_tag, void *out_value, int32_t maximum, int32_t *out_length);
+CM_API int16_t CM_CALL cm_net_flush(cm_net_state *state, cm_conn *conn);
+
+/* The tag of a value type (1: bytes, 2: integer, 3: boolean, 4: bytes, second kind, 5: raw), and the other way round; 0:
+ * none. */
+CM_API int32_t CM_CALL cm_cmtonettype(int32_t type);
+CM_API int32_t CM_CALL cm_nettocmtype(int32_t tag);
 
 /* ---------- datagrams ----------
  * UDP.  A failed send leaves "UDP sendto ADDRESS:PORT failed" in the log and marks the handle CM_CONN_CLOSED, and so does

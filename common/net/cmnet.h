@@ -9,6 +9,8 @@
 //   cmnet_transfer.cpp  waiting, receive, send
 //   cmnet_trace.cpp     the network log
 //
+// Above them: cmnetrpc.cpp reads, cmnetbody.cpp and cmnetfile.cpp write bodies, cmnettag.cpp has tagged messages.
+//
 // Who may touch what.  The table mutex guards the two lists, the open count and the loop's entries.  A handle belongs
 // to the thread that took it; its flags, its socket cell, the trace level and the shutting-down flag are read and
 // written by others as well, always with relaxed or stronger atomics.
@@ -60,7 +62,9 @@ constexpr int32_t milliseconds(int64_t seconds) {
     return seconds > INT32_MAX / 1000 ? INT32_MAX : static_cast<int32_t>(seconds * 1000);
 }
 
-constexpr bool is_port(int32_t port) { return port >= 0 && port <= 65535; }
+constexpr bool is_port(int32_t port) {
+    return port >= 0 && port <= 65535;
+}
 
 // Counts on a performance counter of the context: 0 connections, 1 bytes received, 2 bytes sent.
 void count(cm_net_state *state, int32_t counter, int64_t amount);

@@ -1,33 +1,16 @@
-// Buffered input of a connection: tokens and raw bytes.
+// Buffered input of a connection: tokens, raw bytes, and a look at what comes next.
 //
-// in_buf[in_index, in_count) is what has been received and not yet read; both indices go back to 0 whenever they meet.
 // Everything comes in through `receive`, at most one buffer at a time, so that what has arrived together is read
 // together whatever the calls in between.
 #include <algorithm>
 #include <cstring>
 #include <span>
 
-#include "net/cmnet.h"
+#include "core/cmstring.h"
+#include "net/cmnetinput.h"
 
 namespace cm::net {
 namespace {
-
-std::span<const unsigned char> unread(const cm_conn *conn) {
-    return {conn->in_buf + conn->in_index, static_cast<size_t>(conn->in_count - conn->in_index)};
-}
-
-void consume(cm_conn *conn, size_t count) {
-    conn->in_index += static_cast<int32_t>(count);
-    if (conn->in_index == conn->in_count) conn->in_index = conn->in_count = 0;
-}
-
-// Receives into the empty buffer.  False: failed.  Nothing received: the peer has closed.
-bool refill(cm_net_state *state, cm_conn *conn, int32_t *got) {
-    conn->in_index = conn->in_count = 0;
-    if (!receive(state, conn, conn->in_buf, CM_NET_IN_SIZE, got)) return false;
-    conn->in_count = *got;
-    return true;
-}
 
 // A token being gathered.  A line ends at LF; CR is never part of a token, which also makes a CR LF that arrives in two
 // pieces one line end.  The delimiter is looked at first and may be CR itself; 0 is none, and NUL then an ordinary
@@ -89,11 +72,7 @@ bool read_token(cm_net_state *state, cm_conn *conn, Token &token) {
 }
 
 int32_t take_buffered(cm_conn *conn, void *buffer, int32_t size) {
-    const std::span<const unsigned char> bytes = unread(conn);
-    const int32_t count = std::min(size, static_cast<int32_t>(bytes.size()));
-    if (count > 0) memcpy(buffer, bytes.data(), static_cast<size_t>(count));
-    consume(conn, static_cast<size_t>(count));
-    return count;
+    return static_cast<int32_t>(take_unread(conn, buffer, static_cast<size_t>(size)));
 }
 
 bool read_bytes(cm_net_state *state, cm_conn *conn, bool fill, unsigned char *buffer, int32_t size, int32_t *count) {
@@ -113,6 +92,27 @@ bool read_bytes(cm_net_state *state, cm_conn *conn, bool fill, unsigned char *bu
         if (got == 0 || !fill) break;
     }
     return true;
+}
+
+// Receives behind what is unread until `wanted` bytes are there.  False: failed.  The peer may close before they are.
+bool gather(cm_net_state *state, cm_conn *conn, size_t wanted) {
+    if (wanted > unread(conn).size() && conn->in_index > 0) {  // what is behind may be too little
+        memmove(conn->in_buf, conn->in_buf + conn->in_index, unread(conn).size());
+        conn->in_count -= conn->in_index;
+        conn->in_index = 0;
+    }
+    while (unread(conn).size() < wanted) {
+        int32_t got = 0;
+        if (!receive(state, conn, conn->in_buf + conn->in_count, CM_NET_IN_SIZE - conn->in_count, &got)) return false;
+        if (got == 0) break;
+        conn->in_count += got;
+    }
+    return true;
+}
+
+bool comes_next(const cm_conn *conn, std::string_view text) {
+    const std::span<const unsigned char> bytes = unread(conn);
+    return bytes.size() >= text.size() && (text.empty() || memcmp(bytes.data(), text.data(), text.size()) == 0);
 }
 
 }  // namespace
@@ -146,4 +146,16 @@ int16_t CM_CALL cm_net_read(cm_net_state *state, cm_conn *conn, int16_t fill, vo
         read_bytes(state, conn, fill != 0, static_cast<unsigned char *>(buffer), std::max(size, 0), &count);
     if (out_count != nullptr) *out_count = count;
     return done ? 1 : 0;
+}
+
+int16_t CM_CALL cm_net_peek(cm_net_state *state, cm_conn *conn, const char *text, int32_t length, int16_t *out_match) {
+    if (out_match != nullptr) *out_match = 0;
+    if (state == nullptr || conn == nullptr || (text == nullptr && (length > 0 || length == CM_LEN_TEXT))) return 0;
+    const Call call(state, conn);
+    if (!call.open() || has_flag(conn, CM_CONN_CLOSED)) return 0;
+    const std::string_view wanted = cm::view(text, length);
+    // Kept: together with what is unread, though that may be what is asked for.
+    if (unread(conn).size() + wanted.size() > CM_NET_IN_SIZE || !gather(state, conn, wanted.size())) return 0;
+    if (out_match != nullptr) *out_match = comes_next(conn, wanted) ? 1 : 0;
+    return 1;
 }
