@@ -1322,6 +1322,11 @@ CM_API int16_t CM_CALL cm_net_enddata(cm_net_state *state, cm_conn *conn);
 /* A handle whose sends are written to a file, created afresh; reading fails.  It counts as an open connection. */
 CM_API int16_t CM_CALL cm_net_fopen(cm_net_state *state, const char *path, cm_conn **out_conn);
 
+/* Relays between two connections, as a proxy does, on the caller's thread: first what is buffered of either, then what
+ * comes.  1: one side has closed, and is CM_CONN_CLOSED; 0: a connection failed, the network stops, or nothing has moved
+ * for `timeout` seconds.  Bodies must have been ended.  Both connections stay the caller's. */
+CM_API int16_t CM_CALL cm_net_circuit(cm_net_state *state, cm_conn *client, cm_conn *server, int32_t timeout);
+
 /* ---------- tagged messages ---------- */
 #define CM_TAG_NOTICE  1   /* cm_net_notice */
 #define CM_TAG_INTEGER 2   /* int32_t */

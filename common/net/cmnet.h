@@ -9,7 +9,8 @@
 //   cmnet_transfer.cpp  waiting, receive, send
 //   cmnet_trace.cpp     the network log
 //
-// Above them: cmnetrpc.cpp reads, cmnetbody.cpp and cmnetfile.cpp write bodies, cmnettag.cpp has tagged messages.
+// Above them: cmnetrpc.cpp reads, cmnetbody.cpp and cmnetfile.cpp write bodies, cmnettag.cpp has tagged messages,
+// cmnetcircuit.cpp relays.
 //
 // Who may touch what.  The table mutex guards the two lists, the open count and the loop's entries.  A handle belongs
 // to the thread that took it; its flags, its socket cell, the trace level and the shutting-down flag are read and
@@ -175,6 +176,12 @@ bool receive(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int
 // Sends all bytes of all slices, as few system calls as that takes, with one line in the trace.  Works
 // for every kind of handle.  `more_follows`: another send comes at once, a partly filled packet may wait for it.
 bool send_slices(cm_net_state *state, cm_conn *conn, const Slice *slices, int32_t count, bool more_follows);
+
+// One step of a transfer over a socket that does not block: what is there, and what goes at once, none of which is no
+// failure.  A TLS or file handle sends all.
+enum class Now { kBytes, kNothing, kEnd, kFailed };
+Now receive_now(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int32_t *out_count);
+bool send_now(cm_net_state *state, cm_conn *conn, const void *data, int32_t length, int32_t *out_count);
 
 // Sends a part of an open file, without its bytes passing through here where that is possible.  The file's position is
 // not kept.  False also when the file is shorter.

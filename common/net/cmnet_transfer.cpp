@@ -87,27 +87,24 @@ bool receive_plain(cm_net_state *state, cm_conn *conn, const Call &call, void *b
     return got == Got::kData;
 }
 
+Got read_tls(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int32_t *out_count) {
+    const TlsRead read = transport->read(state, conn, buffer, size, out_count);
+    if (read != TlsRead::kData) *out_count = 0;
+    if (read == TlsRead::kWait) return Got::kNothingYet;
+    return read == TlsRead::kFailed ? Got::kFailed : Got::kData;
+}
+
 bool receive_tls(cm_net_state *state, cm_conn *conn, const Call &call, void *buffer, int32_t size, int32_t *out_count) {
     if (transport == nullptr) return false;
     TimeLeft time(conn->read_timeout);
     bool wait = !transport->pending(state, conn) && !has_flag(conn, CM_CONN_KTIMEOUT);
-    for (;;) {
+    for (;; wait = true) {
         if (wait) {
             const BusyMark busy(conn);
             if (wait_for(state, call, false, time.get()) != Wait::kReady) return false;
         }
-        switch (transport->read(state, conn, buffer, size, out_count)) {
-            case TlsRead::kData:
-                return true;
-            case TlsRead::kClosed:
-                *out_count = 0;
-                return true;
-            case TlsRead::kWait:
-                wait = true;
-                break;
-            case TlsRead::kFailed:
-                return false;
-        }
+        const Got got = read_tls(state, conn, buffer, size, out_count);
+        if (got != Got::kNothingYet) return got == Got::kData;
     }
 }
 
@@ -119,6 +116,19 @@ void trace_received(cm_net_state *state, const cm_conn *conn, const void *data, 
     else
         trace_packet(state->ctx, &slice, 1, "TCP READ [%ld] -> %s:%ld [%ld bytes]\n", local, conn->peer_text,
                      static_cast<long>(conn->peer_port), bytes);
+}
+
+// What a receive leaves behind.  `whole`: it has not failed.
+bool received(cm_net_state *state, cm_conn *conn, bool whole, const void *buffer, int32_t length) {
+    const bool at_end = length == 0 && !has_flag(conn, CM_CONN_DATAGRAM);
+    if (!whole || at_end) {
+        const bool ours = has_flag(conn, CM_CONN_CLOSED);  // closed by force: not the peer's end of the stream
+        mark_closed(conn);
+        return whole && !ours;
+    }
+    if (packets_traced(state)) trace_received(state, conn, buffer, length);
+    count(state, 1, length);
+    return true;
 }
 
 // ---- send -----------------------------------------------------------------------------------------------------------
@@ -269,15 +279,24 @@ bool receive(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int
         whole = receive_plain(state, conn, call, buffer, static_cast<size_t>(size), &got);
         if (whole) *out_count = static_cast<int32_t>(got);
     }
-    const bool at_end = *out_count == 0 && !has_flag(conn, CM_CONN_DATAGRAM);
-    if (!whole || at_end) {
-        const bool ours = has_flag(conn, CM_CONN_CLOSED);  // closed by force: not the peer's end of the stream
-        mark_closed(conn);
-        return whole && !ours;
+    return received(state, conn, whole, buffer, *out_count);
+}
+
+Now receive_now(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int32_t *out_count) {
+    *out_count = 0;
+    if (stopping(state) || has_flag(conn, CM_CONN_FILE | CM_CONN_CLOSED)) return Now::kFailed;
+    const Call call(state, conn);
+    Got got = Got::kFailed;
+    if (call.socket() != kNoSocket && has_flag(conn, CM_CONN_TLS)) {
+        if (transport != nullptr) got = read_tls(state, conn, buffer, size, out_count);
+    } else if (call.socket() != kNoSocket) {
+        size_t bytes = 0;
+        got = read_plain(call, conn, buffer, static_cast<size_t>(size), false, &bytes);
+        if (got == Got::kData) *out_count = static_cast<int32_t>(bytes);
     }
-    if (packets_traced(state)) trace_received(state, conn, buffer, *out_count);
-    count(state, 1, *out_count);
-    return true;
+    if (got == Got::kNothingYet) return Now::kNothing;
+    if (!received(state, conn, got == Got::kData, buffer, *out_count)) return Now::kFailed;
+    return *out_count > 0 ? Now::kBytes : Now::kEnd;
 }
 
 bool send_slices(cm_net_state *state, cm_conn *conn, const Slice *slices, int32_t slice_count, bool more_follows) {
@@ -293,6 +312,26 @@ bool send_slices(cm_net_state *state, cm_conn *conn, const Slice *slices, int32_
     if (has_flag(conn, CM_CONN_TLS)) return sent(conn, send_tls(state, conn, slices, slice_count), total);
     if (!sent(conn, send_plain(state, call, slices, slice_count, more_follows), total)) return false;
     if (packets_traced(state)) trace_sent(state, conn, slices, slice_count, total);
+    return true;
+}
+
+bool send_now(cm_net_state *state, cm_conn *conn, const void *data, int32_t length, int32_t *out_count) {
+    *out_count = 0;
+    const Slice slice = {data, static_cast<size_t>(length)};
+    if (has_flag(conn, CM_CONN_TLS | CM_CONN_FILE)) {
+        *out_count = length;
+        return send_slices(state, conn, &slice, 1, false);
+    }
+    const Call call(state, conn);
+    if (!may_send(state, conn, call)) return false;
+    size_t bytes = 0;
+    const Error error = os.socket_send(call.socket(), &slice, 1, false, &bytes);
+    if (error == CM_EWOULDBLOCK) return true;
+    if (!sent(conn, error == 0, static_cast<int64_t>(bytes))) return false;
+    *out_count = static_cast<int32_t>(bytes);
+    count(state, 2, *out_count);
+    const Slice gone = {data, bytes};
+    if (packets_traced(state)) trace_sent(state, conn, &gone, 1, *out_count);
     return true;
 }
 

@@ -24,7 +24,8 @@ struct Transport {
     bool (*accept)(cm_net_state *state, cm_conn *conn);
     bool (*connect)(cm_net_state *state, const char *host, int32_t port, cm_conn *conn, int32_t *out_error);
 
-    // Transfer on a handle with CM_CONN_TLS.
+    // Transfer on a handle with CM_CONN_TLS.  A relay makes its socket non-blocking: a read that would block is kWait,
+    // a write waits for room itself.
     bool (*pending)(cm_net_state *state, cm_conn *conn);  // bytes are decrypted and waiting
     TlsRead (*read)(cm_net_state *state, cm_conn *conn, void *buffer, int32_t size, int32_t *out_count);
     bool (*write)(cm_net_state *state, cm_conn *conn, const void *data, int32_t length);  // all of it
