@@ -142,6 +142,8 @@ struct World {
     explicit World(const string &common = kServerHere, const std::function<void(TempFolder &)> &prepare = nullptr)
         : lib((common + "\nForce IP Bind = 127.0.0.1\nTrace Level = TRACE\n").c_str(), prepare) {
         EXPECT_TRUE(lib.ok()) << lib.notices();
+        EXPECT_EQ(cm_free_threads(lib), 1);  // the scheduler's would see the table change
+        cm_hash_clear(lib.ctx()->thread_table, nullptr);
         EXPECT_EQ(cm_net_init(lib, 0, &net), 1);
     }
     ~World() {
