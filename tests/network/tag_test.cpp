@@ -1,5 +1,5 @@
 // Tagged messages, and the look at what comes next.
-#include <gtest/gtest.h>
+#include <sstream>
 
 #include "network/wire.h"
 #include "support/support.h"
@@ -7,214 +7,104 @@
 namespace cm::test {
 namespace {
 
-std::string be32(uint32_t value) {
-    std::string bytes;
-    for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(value >> shift);
-    return bytes;
+int32_t number(const Row &row, size_t field) {
+    return static_cast<int32_t>(row.number(field));
 }
 
-std::string tagged(int tag, const std::string &rest = "") {
-    return static_cast<char>(tag) + rest;
+// The bytes, cut where the numbers in `at` say.
+std::deque<std::string> cut(const std::string &bytes, const std::string &at) {
+    std::deque<std::string> pieces;
+    std::istringstream numbers(at);
+    size_t from = 0;
+    for (size_t to = 0; numbers >> to; from = to) pieces.push_back(bytes.substr(from, to - from));
+    if (from < bytes.size()) pieces.push_back(bytes.substr(from));
+    return pieces;
 }
 
-std::string in_memory(const auto &value) {
-    return {reinterpret_cast<const char *>(&value), sizeof value};
+// The next item, as "tag length value"; "!" for a failure.
+std::string next(Wire &wire, int32_t room) {
+    const std::unique_ptr<char[]> value(new char[static_cast<size_t>(room)]);
+    int32_t tag = -1, length = -2;
+    if (cm_net_get(wire, wire, &tag, value.get(), room, &length) == 0) return "!";
+    return std::to_string(tag) + " " + std::to_string(length) + " " +
+           std::string(value.get(), static_cast<size_t>(std::max(length, 0)));
 }
-
-struct Value {
-    int32_t tag;
-    std::string value;  // as it stands in memory
-    int32_t length;     // as it is put
-    std::string wire;
-    int32_t read_tag;  // what comes out of it again
-    std::string read;
-};
-
-const Value kValues[] = {
-    {2, in_memory(int32_t{0x01020304}), 4, tagged(2, "\1\2\3\4"), 2, in_memory(int32_t{0x01020304})},
-    {2, in_memory(int32_t{-2}), -3, tagged(2, be32(0xFFFFFFFE)), 2, in_memory(int32_t{-2})},
-    {3, "text", -3, tagged(3, be32(4) + "text"), 3, "text"},
-    {3, "text", 2, tagged(3, be32(2) + "te"), 3, "te"},
-    {3, "text", -2, tagged(3, be32(0)), 3, ""},
-    {4, std::string("a\0b", 3), 3, tagged(4, be32(3) + std::string("a\0b", 3)), 4, std::string("a\0b", 3)},
-    {5, in_memory(int16_t{1}), 2, tagged(5, "\1"), 5, in_memory(int16_t{1})},
-    {5, in_memory(int16_t{2}), 2, tagged(5, std::string(1, '\0')), 5, in_memory(int16_t{0})},
-    {6, "\1\2\3\4", 4, tagged(6, "\1\2\3\4"), 6, "\1\2\3\4"},
-    {9, "", 0, "\x09", 9, ""},
-    {3, "text", -1, "\x09", 9, ""},
-    {12, "", -1, "\x09", 9, ""},
-};
 
 TEST(Tags, WhatIsPutComesOutAgain) {
-    for (const Value &test : kValues) {
+    for (const Row &row : rows("network/tags")) {
+        SCOPED_TRACE(row.where);
         Wire wire;
-        ASSERT_EQ(cm_net_put(wire, wire, test.tag, test.value.data(), test.length), 1) << test.wire;
+        EXPECT_EQ(cm_net_put(wire, wire, number(row, 0), row.text(1), number(row, 2)), 1);
         EXPECT_EQ(wire.sent, "");
         for (const int32_t end : {10, 12, 14}) EXPECT_EQ(cm_net_put(wire, wire, end, nullptr, 0), 1);
-        EXPECT_EQ(wire.sent, test.wire + "\x0A\x0C\x0E");
-        EXPECT_EQ(wire.sends, (std::vector<size_t>{test.wire.size() + 1, 1, 1}));
-
-        const int32_t room = std::max<int32_t>(1, static_cast<int32_t>(test.read.size()));
-        std::string value(static_cast<size_t>(room), '~');
-        int32_t tag = 0, length = 0;
+        EXPECT_EQ(wire.sent, row[3] + "\x0A\x0C\x0E");
+        EXPECT_EQ(wire.sends, (std::vector<size_t>{row[3].size() + 1, 1, 1}));
         wire.arriving = {wire.sent};
-        ASSERT_EQ(cm_net_get(wire, wire, &tag, nullptr, 0, &length), 1);
-        EXPECT_EQ(tag, test.read_tag) << "a look";
-        ASSERT_EQ(cm_net_get(wire, wire, &tag, value.data(), room, &length), 1) << test.wire;
-        EXPECT_EQ(tag, test.read_tag);
-        EXPECT_EQ(length, test.read_tag == 9 ? -1 : static_cast<int32_t>(test.read.size()));
-        EXPECT_EQ(value.substr(0, test.read.size()), test.read);
-        for (const int32_t end : {10, 12, 14}) {
-            EXPECT_EQ(cm_net_get(wire, wire, &tag, nullptr, 0, nullptr), 1);
-            EXPECT_EQ(tag, end);
-        }
-        EXPECT_EQ(cm_net_get(wire, wire, &tag, value.data(), room, &length), 1);
-        EXPECT_EQ(tag + length, 0) << "the end of the input";
-        EXPECT_EQ(cm_net_get(wire, wire, &tag, value.data(), room, &length), 0);
+        EXPECT_EQ(next(wire, 0), row[4].substr(0, 1) + " 0 ") << "a look";
+        EXPECT_EQ(next(wire, 9), row[4]);
+        for (const char *end : {"10 0 ", "12 0 ", "14 0 "}) EXPECT_EQ(next(wire, 0), end);
     }
 }
 
 TEST(Tags, PutKeepsItsLimits) {
-    const std::string bytes = sample(16000);
-    const cm_net_notice notice = {{1, 2, 3}, 15990, bytes.data()}, long_notice = {{1, 2, 3}, 15991, bytes.data()};
-    struct Case {
-        int32_t before;  // bytes that are buffered
-        int32_t tag;
-        const void *value;
-        int32_t length;
-        int16_t result;
-        std::vector<size_t> sends;
-        int32_t after;
-    };
-    const Case cases[] = {
-        {0, 3, bytes.data(), 15990, 1, {}, 15995},
-        {0, 3, bytes.data(), 15991, 0, {}, 0},
-        {20, 4, bytes.data(), 15990, 1, {}, 16015},
-        {21, 4, bytes.data(), 15990, 1, {21}, 15995},
-        {16006, 2, bytes.data(), 4, 1, {}, 16011},
-        {16007, 2, bytes.data(), 4, 1, {16007}, 5},
-        {16009, 5, bytes.data(), 2, 1, {}, 16011},
-        {16010, 9, nullptr, 0, 1, {}, 16011},
-        {16011, 3, nullptr, -1, 1, {16011}, 1},
-        {16010, 10, nullptr, 0, 1, {16011}, 0},
-        {16011, 10, nullptr, 0, 1, {16011, 1}, 0},
-        {0, 1, &notice, 0, 1, {16007}, 0},
-        {7, 1, &notice, 0, 1, {7, 16007}, 0},
-        {7, 1, &long_notice, 0, 0, {}, 7},
-        {7, 1, nullptr, 0, 0, {}, 7},
-        {7, 2, bytes.data(), 15991, 0, {}, 7},
-        {7, 3, nullptr, 1, 0, {}, 7},
-        {7, 3, nullptr, -3, 0, {}, 7},
-        {7, 2, nullptr, 4, 0, {}, 7},
-        {7, 7, bytes.data(), 4, 0, {}, 7},
-        {7, 8, bytes.data(), 4, 0, {}, 7},
-        {7, 11, bytes.data(), 4, 0, {}, 7},
-        {7, 13, bytes.data(), 4, 0, {}, 7},
-        {7, 0, bytes.data(), 4, 0, {}, 7},
-        {7, 256 + 2, bytes.data(), 4, 0, {}, 7},
-    };
-    for (const Case &test : cases) {
+    const std::string bytes(16000, 'x');
+    for (const Row &row : rows("network/tag_output")) {
+        SCOPED_TRACE(row.where);
         Wire wire;
-        wire.conn->out_count = test.before;
-        EXPECT_EQ(cm_net_put(wire, wire, test.tag, test.value, test.length), test.result);
-        EXPECT_EQ(wire.sends, test.sends) << "tag " << test.tag << " behind " << test.before;
-        EXPECT_EQ(wire.conn->out_count, test.after) << "tag " << test.tag << " behind " << test.before;
+        wire.conn->out_count = number(row, 0);
+        const cm_net_notice notice = {{1, 2, 3}, number(row, 2), bytes.data()};
+        const void *value = row[2] == "null"    ? nullptr
+                            : row[2] == "bytes" ? bytes.data()
+                                                : static_cast<const void *>(&notice);
+        EXPECT_EQ(cm_net_put(wire, wire, number(row, 1), value, number(row, 3)), row.number(4));
+        std::string sends;
+        for (const size_t count : wire.sends) sends += (sends.empty() ? "" : " ") + std::to_string(count);
+        EXPECT_EQ(sends, row[5]);
+        EXPECT_EQ(wire.conn->out_count, row.number(6));
     }
     Wire gone;
     gone.room = 0;
     EXPECT_EQ(cm_net_put(gone, gone, 10, nullptr, 0), 0);
-    EXPECT_TRUE(gone.closed());
-    EXPECT_EQ(cm_net_put(gone, gone, 9, nullptr, 0), 0);
+    EXPECT_EQ(cm_net_put(gone, gone, 9, nullptr, 0), 0) << "closed by then";
 }
 
 TEST(Tags, GetKeepsItsLimits) {
-    const std::string big = sample(9000);
-    struct Case {
-        const char *name;
-        std::deque<std::string> arriving;
-        int32_t maximum;
-        int16_t result;
-        int32_t length = 0;
-        bool closed = false;
-        const char *complaint = "";
-    };
-    const Case cases[] = {
-        {"exactly the room", {tagged(3, be32(4) + "text")}, 4, 1, 4},
-        {"too long closes", {tagged(3, be32(5) + "texts")}, 4, 0, 0, true},
-        {"too long of the second kind", {tagged(4, be32(5) + "texts")}, 4, 0},
-        {"a negative length", {tagged(4, be32(0xFFFFFFFF) + "texts")}, 4, 0},
-        {"no room for an integer", {tagged(2, "\1\2\3\4")}, 3, 0},
-        {"no room for a truth", {tagged(5, "\1")}, 1, 0},
-        {"no room for a word", {tagged(6, "\1\2\3\4")}, 3, 0},
-        {"two pieces", {tagged(3, be32(4) + "t"), "ext"}, 9, 1, 4},
-        {"cut in the length", {tagged(3, std::string(2, '\0')), std::string("\0\4text", 6)}, 9, 1, 4},
-        {"three pieces", {tagged(3, be32(4) + "t"), "ex", "t"}, 9, 0},
-        {"as much as two receives bring",
-         {tagged(3, be32(8000) + big.substr(0, 4091)), big.substr(0, 3909)},
-         9000,
-         1,
-         8000},
-        {"more", {tagged(3, be32(8188) + big.substr(0, 4091)), big.substr(0, 4096), "x"}, 9000, 0},
-        {"the peer closes in an item", {tagged(3, be32(4) + "te")}, 9, 1, 0, true},
-        {"a notice that is too long", {tagged(1, be32(1) + be32(2) + be32(3) + be32(15991))}, 9, 0, 0, true},
-        {"a notice that cannot come whole",
-         {tagged(1, be32(1) + be32(2) + be32(3) + be32(9000) + big.substr(0, 4079)), big},
-         9,
-         0},
-        {"an unknown tag", {"\x07"}, 9, 0, 0, false, "Unknown network type 7\n"},
-        {"a large one", {"\xFE"}, 9, 0, 0, false, "Unknown network type FE\n"},
-    };
-    for (const Case &test : cases) {
+    for (const Row &row : rows("network/tag_input")) {
+        SCOPED_TRACE(row.where + ": " + row[0]);
         Wire wire;
-        wire.arriving = test.arriving;
-        std::string value(static_cast<size_t>(test.maximum) + 1, '~');
-        int32_t tag = -1, length = -1;
-        const std::string said = captured_standard_error([&] {
-            EXPECT_EQ(cm_net_get(wire, wire, &tag, value.data(), test.maximum, &length), test.result) << test.name;
-        });
-        EXPECT_EQ(said, test.complaint) << test.name;
-        EXPECT_EQ(length, test.length) << test.name;
-        EXPECT_EQ(value.back(), '~') << test.name;
-        EXPECT_EQ(wire.closed(), test.closed) << test.name;
+        wire.arriving = cut(row[1] + std::string(static_cast<size_t>(row.number(2)), 'x'), row[3]);
+        EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(next(wire, number(row, 4)), row[5]); }), row[7]);
+        EXPECT_EQ(wire.closed(), row[6] == "closed");
     }
 }
 
-std::vector<std::string> notices;
+std::string heard;
 
 void CM_CALL hear(cm_net_state *, cm_conn *, const cm_net_notice *notice) {
-    EXPECT_EQ(strlen(notice->text), static_cast<size_t>(notice->length));
-    notices.push_back(std::to_string(notice->number[0]) + notice->text + std::to_string(notice->number[2]));
+    heard += std::to_string(notice->number[0]) + notice->text + std::to_string(notice->length);
 }
 
 TEST(Tags, NoticesGoToTheHandlerAndTheNextItemComesInTheirPlace) {
-    Wire sender;
-    const cm_net_notice notice = {{-7, 8, 9}, CM_LEN_TEXT, " news "};
-    ASSERT_EQ(cm_net_put(sender, sender, CM_TAG_NOTICE, &notice, 0), 1);
-    EXPECT_EQ(sender.sent, tagged(1, be32(0xFFFFFFF9) + be32(8) + be32(9) + be32(6) + " news "));
     Wire wire;
+    const cm_net_notice notice = {{-7, 8, 9}, CM_LEN_TEXT, " news "};
+    ASSERT_EQ(cm_net_put(wire, wire, CM_TAG_NOTICE, &notice, 0), 1);
+    const std::string bytes = wire.sent;
+    EXPECT_EQ(bytes, std::string("\1\xFF\xFF\xFF\xF9\0\0\0\x8\0\0\0\x9\0\0\0\6 news ", 23));
     wire.state->notice = hear;
-    notices.clear();
-    int32_t tag = 0, length = 0, value = 0;
-    wire.arriving = {sender.sent + sender.sent, sender.sent + tagged(2, be32(5)) + sender.sent};
-    EXPECT_EQ(cm_net_get(wire, wire, &tag, &value, sizeof value, &length), 1);
-    EXPECT_EQ(tag + value + length, 2 + 5 + 4);
-    EXPECT_EQ(notices, (std::vector<std::string>(3, "-7 news 9")));
-    wire.state->notice = nullptr;
+    wire.arriving = {bytes + bytes, bytes + "\x0A" + bytes};
+    EXPECT_EQ(next(wire, 9), "10 0 ");
+    EXPECT_EQ(heard, "-7 news 6-7 news 6-7 news 6");
     EXPECT_EQ(cm_net_flush(wire, wire), 1);
-    EXPECT_EQ(notices.size(), 3u);
+    EXPECT_EQ(heard.size(), 4 * 9u);
 }
 
 TEST(Tags, FlushDropsWhatIsBufferedAndTheRestOfAnItem) {
     Wire wire;
+    EXPECT_EQ(cm_net_flush(wire, wire), 1) << "nothing is buffered, so nothing is received";
+    wire.arriving = cut(std::string("\x09\x02\0\0\0\1\x03\0\0\0\4text\x0A\x0C", 17), "13 16");
+    EXPECT_EQ(next(wire, 0), "9 0 ");
     EXPECT_EQ(cm_net_flush(wire, wire), 1);
-    EXPECT_FALSE(wire.closed()) << "nothing was buffered, so nothing was read";
-    const std::string items = "\x09" + tagged(2, be32(1)) + tagged(3, be32(20) + "0123456789");
-    wire.arriving = {items, "0123456789\x0A", "\x0C"};
-    int32_t tag = 0;
-    EXPECT_EQ(cm_net_get(wire, wire, &tag, nullptr, 0, nullptr), 1);
-    EXPECT_EQ(cm_net_flush(wire, wire), 1);
-    EXPECT_EQ(cm_net_get(wire, wire, &tag, nullptr, 0, nullptr), 1);
-    EXPECT_EQ(tag, 12);
+    EXPECT_EQ(next(wire, 0), "12 0 ");
 }
 
 TEST(Tags, ValueTypesAndTags) {
@@ -223,37 +113,22 @@ TEST(Tags, ValueTypesAndTags) {
         EXPECT_EQ(cm_cmtonettype(type), tags[type]);
         EXPECT_EQ(cm_nettocmtype(tags[type]), tags[type] != 0 ? type : 0);
     }
-    for (const int32_t tag : {-1, 0, 1, 7, 9}) EXPECT_EQ(cm_nettocmtype(tag), 0);
 }
 
 TEST(Peek, LooksWithoutReading) {
-    const std::string full = sample(4096);
-    struct Case {
-        std::deque<std::string> arriving;
-        int32_t read_first;
-        std::string text;
-        int16_t result, match;
-        std::string left;  // what can be read afterwards
-    };
-    const Case cases[] = {
-        {{"xGE", "T", " /"}, 1, "GET", 1, 1, "GET"},
-        {{"xGET /"}, 1, "PUT", 1, 0, "GET /"},
-        {{"xGET"}, 1, "", 1, 1, "GET"},
-        {{"xGE"}, 1, "GET", 1, 0, ""},                                      // the peer closes before
-        {{full}, 1, full.substr(1, 2), 0, 0, full.substr(1)},               // together over 4096 bytes
-        {{full.substr(6) + "abc", "def"}, 4090, "abcdef", 1, 1, "abcdef"},  // no room behind
-    };
-    for (const Case &test : cases) {
+    for (const Row &row : rows("network/peeks")) {
+        SCOPED_TRACE(row.where);
         Wire wire;
-        wire.arriving = test.arriving;
+        wire.arriving = cut(std::string(static_cast<size_t>(row.number(0)), 'x') + row[1], row[2]);
         char bytes[5000];
         int16_t match = -1;
         int32_t count = 0;
-        ASSERT_EQ(cm_net_read(wire, wire, 0, bytes, test.read_first, nullptr), 1);
-        EXPECT_EQ(cm_net_peek(wire, wire, test.text.c_str(), CM_LEN_TEXT, &match), test.result) << test.text;
-        EXPECT_EQ(match, test.match) << test.text;
+        ASSERT_EQ(cm_net_read(wire, wire, 0, bytes, number(row, 3), nullptr), 1);
+        const int16_t result = cm_net_peek(wire, wire, row.text(4), CM_LEN_TEXT, &match);
+        EXPECT_EQ(std::to_string(result) + " " + std::to_string(match), row[5]);
+        if (result == 0) continue;
         cm_net_read(wire, wire, 0, bytes, sizeof bytes, &count);
-        EXPECT_EQ(std::string_view(bytes, static_cast<size_t>(count)), test.left);
+        EXPECT_EQ(std::string(bytes, static_cast<size_t>(count)), row[6]);
     }
 }
 
