@@ -246,6 +246,7 @@ private:
 //     folder              prints its working directory
 //     descriptors         prints how many descriptors it has (where the system tells)
 //     hold PORT           connects to 127.0.0.1:PORT and stays until it is killed
+//     start WORD...       starts these words with its own three streams, ends as they do
 //     nest PORT           starts another one with "hold PORT" and waits for it
 std::string child_program();
 

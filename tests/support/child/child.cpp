@@ -64,6 +64,17 @@ int hold(int port) {
     return 0;
 }
 
+int start(int count, char **words) {
+    std::string command;
+    for (int i = 0; i < count; i++) command += std::string(words[i]) + " ";
+    constexpr int32_t kOwn[3] = {0, 1, 2};
+    cm::platform::Process *process = nullptr;
+    int32_t code = 1;
+    if (kSystem.process_start(command.c_str(), nullptr, kOwn, &process) == 0)
+        kSystem.process_wait(process, cm::platform::kForever, &code);
+    return code;
+}
+
 }  // namespace
 
 int main(int count, char **words) {
@@ -77,5 +88,6 @@ int main(int count, char **words) {
     if (what == "descriptors") return print_descriptors();
     if (what == "hold") return hold(atoi(argument));
     if (what == "nest") return system((std::string(words[0]) + " hold " + argument).c_str());
+    if (what == "start") return start(count - 2, words + 2);
     return 99;
 }
