@@ -1,7 +1,8 @@
 // Tables of cases that stand beside the tests as text: tests/<area>/data/<name>.txt.
 //
 // A line is a case, " | " stands between its fields, and blanks around fields are only for the eye.  Empty lines and
-// those that begin with "#" are skipped.  In fields \n \r \t \0 \\ and \xHH are bytes, \s a blank, \p a "|".
+// those that begin with "#" are skipped.  In fields \n \r \t \0 \\ and \xHH are bytes, \s a blank, \p a "|",
+// and \(255x) is 255 times an "x".
 #pragma once
 
 #include <gtest/gtest.h>
@@ -30,6 +31,10 @@ inline std::string unescaped(const std::string &text) {
             out += text[i];
         } else if (const size_t at = kNames.find(text[++i]); at != kNames.npos) {
             out += kBytes[at];
+        } else if (text[i] == '(') {
+            const size_t end = text.find(')', i);
+            out.append(strtoul(&text[i + 1], nullptr, 10), text.at(end - 1));
+            i = end;
         } else {
             EXPECT_EQ(text[i], 'x') << text;
             out += static_cast<char>(strtol(text.substr(i + 1, 2).c_str(), nullptr, 16));

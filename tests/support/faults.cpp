@@ -17,7 +17,7 @@ namespace {
 
 Table below;  // what the failing entries call through to
 std::atomic<uint32_t> groups_on;
-std::atomic<int64_t> fail_at, calls_made, failures_made, all_failures;
+std::atomic<int64_t> fail_at, calls_made, failures_made;
 std::atomic<Error> error_given;
 std::atomic<bool> for_good;
 
@@ -27,7 +27,6 @@ bool fails(uint32_t group) {
     const int64_t call = ++calls_made, at = fail_at.load();
     if (at == 0 || call < at || (call > at && !for_good.load())) return false;
     failures_made++;
-    all_failures++;
     return true;
 }
 
@@ -113,9 +112,6 @@ int64_t Faults::calls() const {
 }
 int64_t Faults::injected() const {
     return failures_made;
-}
-int64_t Faults::total_injected() {
-    return all_failures;
 }
 
 // ---- LeakCheck ------------------------------------------------------------------------------------------------------

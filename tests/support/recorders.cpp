@@ -37,20 +37,19 @@ Error noted(const std::string &line, Call call) {
     return note(line, call());
 }
 
-template <class Call>
-Error noted_path(const char *word, const char *path, Call call) {
-    std::lock_guard guard(calls_mutex);
-    return note(std::string(word) + " " + shorter(path), call());
-}
-
-template <class Call>
-Error noted_pair(const char *word, const char *from, const char *to, Call call) {
-    std::lock_guard guard(calls_mutex);
-    return note(std::string(word) + " " + shorter(from) + " " + shorter(to), call());
+// Calls of one path or of two.
+template <auto Entry, class... Paths>
+void record(const char *word) {
+    static const char *const name = word;
+    os.*Entry = [](Paths... paths) {
+        std::string line = name;
+        ((line += " " + shorter(paths)), ...);
+        return noted(line, [&] { return (below.*Entry)(paths...); });
+    };
 }
 
 Error file_open(const char *path, int32_t flags, int32_t *out) {
-    return noted_path((flags & CM_O_CREAT) != 0 ? "create" : "open", path, [&] {
+    return noted(((flags & CM_O_CREAT) != 0 ? "create " : "open ") + shorter(path), [&] {
         const Error error = below.file_open(path, flags, out);
         if (error == 0) names[*out] = shorter(path);
         return error;
@@ -86,25 +85,6 @@ Error path_set_mode(const char *path, uint32_t mode) {
     return noted("mode " + shorter(path) + digits, [&] { return below.path_set_mode(path, mode); });
 }
 
-Error path_rename(const char *from, const char *to) {
-    return noted_pair("rename", from, to, [&] { return below.path_rename(from, to); });
-}
-Error path_link(const char *from, const char *to) {
-    return noted_pair("link", from, to, [&] { return below.path_link(from, to); });
-}
-Error path_remove(const char *path) {
-    return noted_path("remove", path, [&] { return below.path_remove(path); });
-}
-Error directory_create(const char *path) {
-    return noted_path("mkdir", path, [&] { return below.directory_create(path); });
-}
-Error directory_remove(const char *path) {
-    return noted_path("rmdir", path, [&] { return below.directory_remove(path); });
-}
-Error directory_sync(const char *path) {
-    return noted_path("sync-folder", path, [&] { return below.directory_sync(path); });
-}
-
 }  // namespace
 
 CallRecorder::CallRecorder(const std::string &strip) : saved_(os) {
@@ -118,12 +98,13 @@ CallRecorder::CallRecorder(const std::string &strip) : saved_(os) {
     os.file_resize = file_resize;
     os.file_sync = file_sync;
     os.path_set_mode = path_set_mode;
-    os.path_rename = path_rename;
-    os.path_link = path_link;
-    os.path_remove = path_remove;
-    os.directory_create = directory_create;
-    os.directory_remove = directory_remove;
-    os.directory_sync = directory_sync;
+    using Path = const char *;
+    record<&Table::path_rename, Path, Path>("rename");
+    record<&Table::path_link, Path, Path>("link");
+    record<&Table::path_remove, Path>("remove");
+    record<&Table::directory_create, Path>("mkdir");
+    record<&Table::directory_remove, Path>("rmdir");
+    record<&Table::directory_sync, Path>("sync-folder");
 }
 
 CallRecorder::~CallRecorder() {

@@ -17,15 +17,19 @@
 
 namespace cm::test {
 
+struct Pinned {
+    Pinned() = default;
+    Pinned(const Pinned &) = delete;
+    Pinned &operator=(const Pinned &) = delete;
+};
+
 // ---- files ----------------------------------------------------------------------------------------------------------
 
 // A folder of its own, removed with everything in it at the end.  Names given to it are relative to it, "/"-separated.
-class TempFolder {
+class TempFolder : Pinned {
 public:
     TempFolder();
     ~TempFolder();
-    TempFolder(const TempFolder &) = delete;
-    TempFolder &operator=(const TempFolder &) = delete;
 
     const std::string &path() const { return path_; }        // absolute: "/tmp/..." or "C:/...", no "/" at the end
     std::string path(std::string_view name) const;           // path() + "/" + name
@@ -50,7 +54,7 @@ std::vector<std::string> log_lines(const std::string &path);
 // ---- what a system has ----------------------------------------------------------------------------------------------
 
 enum class Feature {
-    kFileModes,     // permissions of owner and others apart
+    kFileModes,  // permissions of owner and others apart
     kSymbolicLinks,
     kFileToSocket,  // socket_send_file
     kFullDevice     // a device without room for anything
@@ -73,7 +77,7 @@ const char *missing(Feature feature);
 // An entry whose result is an Error gives `error`, others null or false.  Kept from the caller all the same, since a
 // test would leak otherwise: a close is carried out before it reports its failure; a file_write writes the first half.
 // Never failed, since their "false" is no failure: waits, joins, parks, directory_next, environment.
-class Faults {
+class Faults : Pinned {
 public:
     enum Group : uint32_t {
         kAllocations = 0x001,
@@ -94,25 +98,19 @@ public:
     // `k` counts from 1; 0 fails nothing and only counts.  `groups` are Group values, or-ed.
     Faults(uint32_t groups, int64_t k, platform::Error error = kInputOutput, Mode mode = kOnce);
     ~Faults();
-    Faults(const Faults &) = delete;
-    Faults &operator=(const Faults &) = delete;
 
     int64_t calls() const;     // so far
     int64_t injected() const;  // failures so far
-
-    static int64_t total_injected();  // of the whole process
 
 private:
     platform::Table saved_;
 };
 
 // Blocks that were allocated since and not released.  Releases of older blocks do not count.
-class LeakCheck {
+class LeakCheck : Pinned {
 public:
     LeakCheck();
     ~LeakCheck();
-    LeakCheck(const LeakCheck &) = delete;
-    LeakCheck &operator=(const LeakCheck &) = delete;
 
     size_t outstanding() const;
 
@@ -125,12 +123,10 @@ private:
 // A clock that moves only when told.  A sleep of the thread that made it moves it by that much and returns at once.
 // Sleeps and timed event waits of other threads last until the clock has been moved that far, or the thread is asked to
 // end.  Waits for sockets, processes and ends of threads are real.
-class FrozenClock {
+class FrozenClock : Pinned {
 public:
     explicit FrozenClock(int64_t seconds = 1000000000, int32_t milliseconds = 0);
     ~FrozenClock();
-    FrozenClock(const FrozenClock &) = delete;
-    FrozenClock &operator=(const FrozenClock &) = delete;
 
     void set(int64_t seconds, int32_t milliseconds = 0);  // the wall clock alone; monotonic time stands
     void advance(int64_t seconds) { advance_ms(seconds * 1000); }
@@ -161,12 +157,10 @@ private:
 //     sync NAME                                            mkdir NAME, rmdir NAME
 //     close NAME                                           sync-folder NAME
 // A call that failed has " = NUMBER" at its end.
-class CallRecorder {
+class CallRecorder : Pinned {
 public:
     explicit CallRecorder(const std::string &strip = "");
     ~CallRecorder();
-    CallRecorder(const CallRecorder &) = delete;
-    CallRecorder &operator=(const CallRecorder &) = delete;
 
     std::vector<std::string> lines(std::string_view containing = "") const;
     std::string text(std::string_view containing = "") const;  // the same, each with "\n"
@@ -177,12 +171,10 @@ private:
 };
 
 // Keeps what is written to the standard error stream through the table.
-class StandardErrorCapture {
+class StandardErrorCapture : Pinned {
 public:
     StandardErrorCapture();
     ~StandardErrorCapture();
-    StandardErrorCapture(const StandardErrorCapture &) = delete;
-    StandardErrorCapture &operator=(const StandardErrorCapture &) = delete;
 
     std::string text() const;
 
@@ -193,12 +185,10 @@ private:
 std::string captured_standard_error(const std::function<void()> &run);
 
 // Replaces environment variables; names that are not given stay as they are, an empty value means not set.
-class Environment {
+class Environment : Pinned {
 public:
     explicit Environment(std::map<std::string, std::string> values);
     ~Environment();
-    Environment(const Environment &) = delete;
-    Environment &operator=(const Environment &) = delete;
 
 private:
     platform::Table saved_;
@@ -210,12 +200,10 @@ private:
 // "common" of config/config.ini ("Trace Level = TRACE\n..."), with "Flush Logs = TRUE" put before it so that log() sees
 // every line; null: no configuration file, temporary and log folder are tmp/.  `prepare` may write more files before
 // the start.
-class Library {
+class Library : Pinned {
 public:
     explicit Library(const char *common = "", const std::function<void(TempFolder &)> &prepare = nullptr);
     ~Library();
-    Library(const Library &) = delete;
-    Library &operator=(const Library &) = delete;
 
     bool ok() const { return ctx_ != nullptr; }
     cm_context *ctx() const { return ctx_; }
