@@ -1,15 +1,12 @@
 // The log: what a line looks like, the ring, the buffer, the standard error stream, error helpers and alerts.
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <set>
 #include <string>
 
-#include "core/cmblocks.h"
 #include "core/cmcontext.h"
 #include "core/cmerror.h"
 #include "core/cmthread.h"
-#include "support/support.h"
+#include "support/failures.h"
 
 using namespace cm;
 using namespace cm::test;
@@ -41,10 +38,6 @@ protected:
         file_.own_buffer = buffer_;
         file_.ctx = ctx_.get();
     }
-    void start() {  // as far as cm_ctx_global sees
-        ctx_global = ctx_.get();
-        ctx_refcount = 1;
-    }
     void empty() {
         file_.fill = file_.lines = 0;
         int64_t position;
@@ -55,7 +48,6 @@ protected:
     void line(const std::string &text, int32_t limit = 0, int32_t mode = 1) {
         EXPECT_EQ(cm_lwrite(&file_, text.c_str(), CM_LEN_TEXT, limit, nullptr, mode), 1);
     }
-    std::string on_standard_error(const std::function<void()> &run) { return captured_standard_error(run); }
 
     TempFolder folder_;
     FrozenClock clock_{1000000000};
@@ -113,27 +105,20 @@ TEST_F(Log, EveryModeClipsAt992) {
 
 TEST_F(Log, TheRingStartsOverWithoutCutting) {
     ctx_->log_size = 3;
-    for (const char *text : {"first", "second", "third"}) cm_log(ctx_.get(), CM_INFO, text, CM_LEN_TEXT);
-    const size_t full = written().size();
-    cm_log(ctx_.get(), CM_INFO, "4", CM_LEN_TEXT);
+    for (const char *text : {"first", "second", "third", "4"}) cm_log(ctx_.get(), CM_INFO, text, CM_LEN_TEXT);
     const std::string head = std::string(kStamp) + "INFO:  ";
-    EXPECT_EQ(written().size(), full);
     EXPECT_EQ(written(),
               head + "4\n" + (head + "first\n" + head + "second\n" + head + "third\n").substr(head.size() + 2));
     EXPECT_EQ(file_.lines, 1);
-}
-
-TEST_F(Log, TheRingWritesWhatGatheredAtTheOldPlaceFirst) {
+    empty();
     for (const char *text : {"aa", "bb", "cc"}) line(text, 2, 0);
-    EXPECT_EQ(written(), "aa\nbb\n");
+    EXPECT_EQ(written(), "aa\nbb\n") << "what gathered goes to the old place first";
     EXPECT_EQ(cm_lwrite(&file_, "", CM_LEN_TEXT, 2, nullptr, 1), 1);
     EXPECT_EQ(written(), "cc\nbb\n");
-    EXPECT_EQ(file_.lines, 1);  // a flush is no line
-}
-
-TEST_F(Log, ANegativeLimitStartsOverWithEachLine) {
+    EXPECT_EQ(file_.lines, 1) << "a flush is no line";
+    empty();
     for (const char *text : {"aaa", "b"}) line(text, -5);
-    EXPECT_EQ(written(), "b\na\n");
+    EXPECT_EQ(written(), "b\na\n") << "a negative limit starts over with each line";
 }
 
 TEST_F(Log, LinesGatherUntilTheyNoLongerFit) {
@@ -166,25 +151,20 @@ TEST_F(Log, WhatTheLineWriterRefuses) {
     EXPECT_EQ(written(), "");
 }
 
-TEST_F(Log, AFullDiskIsNotTold) {
-    const std::string told = on_standard_error([&] {
-        Faults faults(Faults::kFiles, 1, Faults::kNoSpace, Faults::kFromThenOn);
-        for (int i = 0; i < 3; i++) cm_log(ctx_.get(), CM_ERROR, "lost", CM_LEN_TEXT);
-        EXPECT_EQ(faults.injected(), 3);
-    });
-    EXPECT_EQ(told, "");
-    EXPECT_EQ(file_.fill, 0);
+TEST_F(Log, AFullDiskIsNotToldAndNoClockMeansNoStamp) {
+    EXPECT_EQ(captured_standard_error([&] {
+                  Faults faults(Faults::kFiles, 1, Faults::kNoSpace, Faults::kFromThenOn);
+                  for (int i = 0; i < 3; i++) cm_log(ctx_.get(), CM_ERROR, "lost", CM_LEN_TEXT);
+                  EXPECT_EQ(faults.injected(), 3);
+              }),
+              "");
     empty();
     cm_log(ctx_.get(), CM_ERROR, "space again", CM_LEN_TEXT);
-    EXPECT_EQ(written(), std::string(kStamp) + "ERROR: space again\n");
-}
-
-TEST_F(Log, WithoutAClockALineHasNoStamp) {
     clock_.fail(true);
     clock_.set(5);
     cm_log(ctx_.get(), CM_WARN, "when?", CM_LEN_TEXT);
     line("then", 0, 3);
-    EXPECT_EQ(written(), "WARN:  when?\nthen\n");
+    EXPECT_EQ(written(), std::string(kStamp) + "ERROR: space again\nWARN:  when?\nthen\n");
 }
 
 TEST_F(Log, BeforeTheLogTheStandardErrorStreamHasIt) {
@@ -206,62 +186,50 @@ TEST_F(Log, BeforeTheLogTheStandardErrorStreamHasIt) {
         {[&] { cm_lwrite(nullptr, text.c_str(), 3000, 0, nullptr, 0); }, std::string(1024, 'e') + "\n"},
         {[&] { cm_lwrite(nullptr, text.c_str(), CM_LEN_TEXT, 0, nullptr, 0); }, text},
     };
-    for (const auto &row : rows) EXPECT_EQ(on_standard_error(row.run), row.told);
+    for (const auto &row : rows) EXPECT_EQ(captured_standard_error(row.run), row.told);
     EXPECT_EQ(cm_lwrite(nullptr, "", CM_LEN_TEXT, 0, nullptr, 0), 0);
 }
 
-TEST_F(Log, ANullContextMeansTheStartedOne) {
-    start();
+TEST_F(Log, RaisedErrorsNameTheirPlaceAndFailingResultsLeaveATrail) {
+    EXPECT_EQ(captured_standard_error([] {
+                  EXPECT_EQ(cm_return_trace(0, "stopped", 1), 0);
+                  EXPECT_EQ(cm_raise_error(nullptr, "a.c", 1, "early"), 1);
+              }),
+              "Tilvar Server Error: early [a.c(1)]\n");
+    ctx_global = ctx_.get();  // as far as cm_ctx_global sees, it is started
+    ctx_refcount = 1;
     cm_log(nullptr, CM_INFO, "found", CM_LEN_TEXT);
     cm_log(nullptr, CM_TRACE, "above its level", CM_LEN_TEXT);
-    EXPECT_EQ(written(), std::string(kStamp) + "INFO:  found\n");
-}
-
-TEST_F(Log, RaisedErrorsNameTheirPlace) {
     EXPECT_EQ(cm_raise_error(ctx_.get(), "server.c", 120, "no room"), 1);
     EXPECT_EQ(ctx_->error_depth, 0);
     ctx_->error_depth = 5;  // as it is within the sixth call that comes out of logging an error
     EXPECT_EQ(cm_raise_error(ctx_.get(), "server.c", 121, "again"), 0);
     EXPECT_EQ(ctx_->error_depth, 0);
-    EXPECT_EQ(log_lines(folder_.path("server.log")),
-              (std::vector<std::string>{"ERROR: no room [server.c(120)]",
-                                        "ERROR: Recursive error message: again [server.c(121)]"}));
-    EXPECT_EQ(on_standard_error([] { EXPECT_EQ(cm_raise_error(nullptr, "a.c", 1, "early"), 1); }),
-              "Tilvar Server Error: early [a.c(1)]\n");
-}
-
-TEST_F(Log, AFailingResultLeavesATrail) {
-    EXPECT_EQ(on_standard_error([] { EXPECT_EQ(cm_return_trace(0, "stopped", 1), 0); }), "");
-    start();
-    EXPECT_EQ(cm_return_trace(1, "fine", 2), 1);
-    EXPECT_EQ(cm_return_trace(-5, "fine", 3), -5);
-    EXPECT_EQ(cm_return_trace(0, "listen", 4), 0);
-    EXPECT_EQ(written(), std::string(kStamp) + "ERROR: listen (4) FAIL\n");
+    for (const int16_t result : {1, -5, 0}) EXPECT_EQ(cm_return_trace(result, "listen", 4), result);
+    EXPECT_EQ(
+        log_lines(folder_.path("server.log")),
+        (std::vector<std::string>{"INFO:  found", "ERROR: no room [server.c(120)]",
+                                  "ERROR: Recursive error message: again [server.c(121)]", "ERROR: listen (4) FAIL"}));
 }
 
 // ---- alerts ---------------------------------------------------------------------------------------------------------
 
-struct Seen {
-    std::vector<std::string> alerts;
-    int32_t connections = -1, threads = -1;
-} seen;
+std::vector<std::string> seen;
 
 void CM_CALL note(cm_context *, const cm_alert *alert) {
-    seen.alerts.push_back(std::string(alert->category) + "|" + alert->subject + "|" + alert->message + "|" +
-                          alert->timestamp);
-    seen.connections = alert->connections;
-    seen.threads = alert->threads;
+    seen.push_back(std::string(alert->category) + "|" + alert->subject + "|" + alert->message + "|" + alert->timestamp +
+                   "|" + std::to_string(alert->connections) + "|" + std::to_string(alert->threads));
 }
 
 void CM_CALL alert_again(cm_context *ctx, const cm_alert *) {
-    seen.alerts.push_back("again");
+    seen.push_back("again");
     cm_alert_notify(ctx, 1, "nested", "from the handler");
 }
 
 class Alerts : public Log {
 protected:
     Alerts() {
-        seen = {};
+        seen.clear();
         EXPECT_EQ(cm_create_mutex(ctx_.get(), &ctx_->file_mutex), 1);
         EXPECT_EQ(cm_mem_init(ctx_.get(), &ctx_->common_pool, 1024), 1);
         EXPECT_EQ(cm_alerts_init(ctx_.get()), 1);
@@ -275,15 +243,12 @@ protected:
         cm_mem_exit(ctx_->common_pool);
         cm_delete_mutex(ctx_->file_mutex);
     }
-    cm_alert_slot &newest() { return ring_->slot[ring_->last - 1]; }
-
     cm_alert_ring *ring_;
 };
 
-TEST_F(Alerts, TheRingKeepsTwoHundred) {
+TEST_F(Alerts, TheRingKeepsTwoHundredAndCutsTexts) {
     EXPECT_EQ(cm_alerts_init(ctx_.get()), 1);
     EXPECT_EQ(ctx_->alert_table, ring_);
-    EXPECT_EQ(ring_->last, 0);
     for (int i = 1; i <= 201; i++) cm_alert_notify(ctx_.get(), 10, "count", std::to_string(i).c_str());
     EXPECT_EQ(ring_->last, 1);
     EXPECT_EQ(ring_->count, 200);
@@ -291,16 +256,13 @@ TEST_F(Alerts, TheRingKeepsTwoHundred) {
     EXPECT_STREQ(ring_->slot[1].message, "2");
     EXPECT_EQ(ring_->slot[0].time, 1000000000u);
     EXPECT_EQ(ring_->slot[0].category, 10);
-}
-
-TEST_F(Alerts, LongTextsAreCutInsideTheirSlot) {
     const std::string longer(300, 'm');
     for (int i = 0; i < 200; i++) cm_alert_notify(ctx_.get(), 1, longer.c_str(), longer.c_str());
-    EXPECT_EQ(newest().subject, std::string(63, 'm'));
-    EXPECT_EQ(newest().message, std::string(255, 'm'));
+    EXPECT_EQ(ring_->slot[0].subject, std::string(63, 'm'));
+    EXPECT_EQ(ring_->slot[0].message, std::string(255, 'm'));
     for (int i = 0; i < 200; i++) cm_alert_notify(ctx_.get(), 1, "new", "short");
-    EXPECT_EQ(newest().subject, "new" + std::string(60, 'm'));  // kept: no terminator over an older subject
-    EXPECT_STREQ(newest().message, "short");
+    EXPECT_EQ(ring_->slot[0].subject, "new" + std::string(60, 'm'));  // kept: no terminator over an older subject
+    EXPECT_STREQ(ring_->slot[0].message, "short");
 }
 
 TEST_F(Alerts, TheHandlerGetsItAllInFull) {
@@ -308,54 +270,48 @@ TEST_F(Alerts, TheHandlerGetsItAllInFull) {
     net.open_count = 7;
     ctx_->net_table = &net;
     ctx_->alert_handler = note;
-    const std::string longer(400, 'm');
+    const std::string longer(400, 'm'), end = "|[09/Sep/2001:01:46:40 +0000]|7|0";
     const char *names[] = {"Undefined", "Networking", "SMTP", "POP3", "IMAP4",        "Mail Router", "HTTP",
                            "FTP",       "DBMS",       "DHCP", "DNS",  "Alert Daemon", "Undefined"};
     for (int32_t category = 0; category <= 12; category++) {
         cm_alert_notify(ctx_.get(), category, "subject", longer.c_str());
-        EXPECT_EQ(seen.alerts.back(),
-                  std::string(names[category]) + "|subject|" + longer + "|[09/Sep/2001:01:46:40 +0000]");
+        EXPECT_EQ(seen.back(), std::string(names[category]) + "|subject|" + longer + end);
     }
-    EXPECT_EQ(seen.connections, 7);
-    EXPECT_EQ(seen.threads, 0);
     cm_alert_notify(ctx_.get(), -1, nullptr, nullptr);
-    EXPECT_EQ(seen.alerts.back(), "Undefined|||[09/Sep/2001:01:46:40 +0000]");
+    EXPECT_EQ(seen.back(), "Undefined||" + end);
     alert(ctx_.get(), "listener", "port %d", 80);
-    EXPECT_EQ(seen.alerts.back(), "Networking|listener|port 80|[09/Sep/2001:01:46:40 +0000]");
+    EXPECT_EQ(seen.back(), "Networking|listener|port 80" + end);
     ctx_->net_table = nullptr;
     EXPECT_EQ(cm_alert_register(ctx_.get(), 1, 2), 1);
     EXPECT_EQ(cm_alert_deregister(ctx_.get()), 1);
-}
-
-TEST_F(Alerts, AHandlerThatAlertsComesToAnEnd) {
-    ctx_->alert_handler = alert_again;
-    cm_alert_notify(ctx_.get(), 1, "first", "alert");
-    EXPECT_EQ(seen.alerts.size(), 5u);
-    EXPECT_EQ(ring_->count, 6);
-    cm_alert_notify(ctx_.get(), 1, "second", "alert");
-    EXPECT_EQ(seen.alerts.size(), 10u);
+    seen.clear();
+    ctx_->alert_handler = alert_again;  // comes to an end each time
+    for (size_t calls : {5u, 10u}) {
+        cm_alert_notify(ctx_.get(), 1, "first", "alert");
+        EXPECT_EQ(seen.size(), calls);
+    }
 }
 
 TEST_F(Log, AlertsNeedMemoryAndAMutex) {
     EXPECT_EQ(cm_create_mutex(ctx_.get(), &ctx_->file_mutex), 1);
+    LeakCheck leaks;
     int failures = 0;
-    for (int64_t k = 1;; k++) {
-        LeakCheck leaks;
-        EXPECT_EQ(cm_mem_init(ctx_.get(), &ctx_->common_pool, 64), 1);
-        bool failed;
-        {
-            Faults faults(Faults::kAllocations | Faults::kLocks, k);
+    bool failed = false;
+    each_failure(
+        Faults::kAllocations | Faults::kLocks,
+        [&] {
+            failed = cm_mem_init(ctx_.get(), &ctx_->common_pool, 64) == 0;
+            if (failed) return;
             failed = cm_alerts_init(ctx_.get()) == 0;
-            EXPECT_EQ(failed, faults.injected() > 0);
-        }
-        EXPECT_EQ(ctx_->alert_table == nullptr, failed);
-        cm_alerts_exit(ctx_.get());
-        cm_mem_exit(ctx_->common_pool);
-        blocks::trim();
-        EXPECT_EQ(leaks.outstanding(), 0u);
-        if (!failed) break;
-        failures++;
-    }
+            EXPECT_EQ(ctx_->alert_table == nullptr, failed);
+            cm_alerts_exit(ctx_.get());
+            cm_mem_exit(ctx_->common_pool);
+        },
+        [&](bool injected) {
+            EXPECT_EQ(failed, injected);
+            EXPECT_EQ(leaks.outstanding(), 0u);
+            failures += failed;
+        });
     EXPECT_GE(failures, 3);  // the ring, the handle, the lock
     cm_delete_mutex(ctx_->file_mutex);
 }

@@ -1,12 +1,11 @@
 // Memory pools: where pieces lie, what is reported, and that nothing is lost when memory runs out.
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <memory>
 
 #include "core/cmblocks.h"
 #include "core/cmmemory.h"
-#include "support/support.h"
+#include "support/data.h"
+#include "support/failures.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
@@ -57,32 +56,26 @@ TEST(Pool, BlockSizesAndPiecesAreRoundedAlike) {
     }
 }
 
-TEST(Pool, PiecesLieEndToEndAndAreZeroed) {
+TEST(Pool, PiecesLieEndToEndZeroedWithAGuardBehindEach) {
     const Pool pool = make_pool(96);
-    auto *first = static_cast<unsigned char *>(cm_mem_alloc(pool.get(), 1));
+    auto *first = static_cast<unsigned char *>(cm_mem_alloc(pool.get(), 20));
     auto *second = static_cast<unsigned char *>(cm_mem_alloc(pool.get(), 60));
     EXPECT_EQ(first, reinterpret_cast<unsigned char *>(pool->current) + 32);
     EXPECT_EQ(second, first + 32);
-    for (int i = 0; i < 60; i++) ASSERT_EQ(second[i], 0);
+    EXPECT_EQ(std::string(second, second + 60), std::string(60, 0));
     EXPECT_NE(cm_mem_alloc(pool.get(), 28), nullptr);
     EXPECT_EQ(blocks_of(*pool), 1);
     EXPECT_NE(cm_mem_alloc(pool.get(), 1), nullptr);
     EXPECT_EQ(blocks_of(*pool), 2);
-    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_alloc(pool.get(), 0), nullptr); }), "");
+    EXPECT_EQ(cm_mem_alloc(pool.get(), 0), nullptr);
     EXPECT_EQ(cm_mem_free(pool.get(), first), 1);
     EXPECT_EQ(pool->used, 32u);
-}
-
-TEST(Pool, GuardStandsBehindEveryPiece) {
-    const Pool pool = make_pool(1024);
-    const auto *piece = static_cast<unsigned char *>(cm_mem_alloc(pool.get(), 20));
 #if defined(__SANITIZE_ADDRESS__)
-    EXPECT_FALSE(__asan_address_is_poisoned(piece + 19));
-    EXPECT_TRUE(__asan_address_is_poisoned(piece + 20));
-    EXPECT_TRUE(__asan_address_is_poisoned(piece + 32));
+    EXPECT_FALSE(__asan_address_is_poisoned(first + 19));
+    EXPECT_TRUE(__asan_address_is_poisoned(first + 20));
 #else
     uint32_t guard = 0;
-    memcpy(&guard, piece + 28, sizeof guard);
+    memcpy(&guard, first + 28, sizeof guard);
     EXPECT_EQ(guard, CM_GUARD);
 #endif
 }
@@ -109,50 +102,45 @@ TEST(Pool, LimitStopsNewBlocksSilently) {
 }
 
 TEST(Pool, DamagedHandleIsReported) {
-    const struct {
-        const char *name;
-        void (*damage)(cm_mem_pool &pool);
-    } rows[] = {
-        {"magic", [](cm_mem_pool &pool) { pool.magic = 0x1234; }},
-        {"block size below 32", [](cm_mem_pool &pool) { pool.block_size = pool.current->size = 31; }},
-        {"block size unlike the block's", [](cm_mem_pool &pool) { pool.block_size += 32; }},
-        {"used", [](cm_mem_pool &pool) { pool.used = pool.block_size + 1; }},
-        {"payload", [](cm_mem_pool &pool) { pool.payload = nullptr; }},
-        {"no block", [](cm_mem_pool &pool) { pool.current = nullptr; }},
-        {"block's used", [](cm_mem_pool &pool) { pool.current->used = pool.current->size + 1; }},
-        {"block's magic", [](cm_mem_pool &pool) { pool.current->magic = 0; }},
+    void (*const damages[])(cm_mem_pool & pool) = {
+        [](cm_mem_pool &pool) { pool.magic = 0x1234; },
+        [](cm_mem_pool &pool) { pool.block_size = pool.current->size = 31; },
+        [](cm_mem_pool &pool) { pool.block_size += 32; },
+        [](cm_mem_pool &pool) { pool.used = pool.block_size + 1; },
+        [](cm_mem_pool &pool) { pool.payload = nullptr; },
+        [](cm_mem_pool &pool) { pool.current = nullptr; },
+        [](cm_mem_pool &pool) { pool.current->used = pool.current->size + 1; },
+        [](cm_mem_pool &pool) { pool.current->magic = 0; },
     };
-    for (const auto &row : rows) {
+    for (const auto &damage : damages) {
         const Pool pool = make_pool(64);
         const cm_mem_pool saved = *pool;
         const cm_mem_block saved_block = *pool->current;
-        row.damage(*pool);
+        damage(*pool);
         EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_alloc(pool.get(), 8), nullptr); }), kBadAlloc)
-            << row.name;
+            << &damage - damages;
         *pool = saved;
         *pool->current = saved_block;
-        EXPECT_NE(cm_mem_alloc(pool.get(), 8), nullptr) << row.name;
+        EXPECT_NE(cm_mem_alloc(pool.get(), 8), nullptr);
     }
 }
 
-TEST(Pool, SecondReleaseIsReportedNotRepeated) {
+TEST(Pool, SecondReleaseAndCorruptPoolsAreReported) {
     cm_mem_pool *pool = make_pool(64).release();
-    EXPECT_EQ(cm_mem_exit(pool), 1);
-    const std::string invalid = message("cm_mem_exit() The memory handle provided is invalid.");
-    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_exit(pool), 0); }), invalid);
-    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_alloc(pool, 8), nullptr); }), kBadAlloc);
-    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_exit(nullptr), 0); }), "");
-    const Pool next = make_pool(64);
-    EXPECT_EQ(next.get(), pool) << "handles are recycled";
-}
-
-TEST(Pool, CorruptPoolIsNotFreed) {
-    const Pool pool = make_pool(64);
     const cm_mem_pool saved = *pool;
     pool->payload = nullptr;
-    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_exit(pool.get()), 0); }), kCorrupt);
+    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_exit(pool), 0); }), kCorrupt);
     *pool = saved;
-    EXPECT_NE(cm_mem_alloc(pool.get(), 8), nullptr);
+    EXPECT_NE(cm_mem_alloc(pool, 8), nullptr) << "it was not freed";
+    EXPECT_EQ(cm_mem_exit(pool), 1);
+    EXPECT_EQ(captured_standard_error([&] {
+                  EXPECT_EQ(cm_mem_exit(pool), 0);
+                  EXPECT_EQ(cm_mem_alloc(pool, 8), nullptr);
+                  EXPECT_EQ(cm_mem_exit(nullptr), 0);
+              }),
+              message("cm_mem_exit() The memory handle provided is invalid.") + kBadAlloc);
+    const Pool next = make_pool(64);
+    EXPECT_EQ(next.get(), pool) << "handles are recycled";
 }
 
 TEST(Pool, ReleaseStopsAtTheFirstCorruptBlock) {
@@ -167,42 +155,52 @@ TEST(Pool, ReleaseStopsAtTheFirstCorruptBlock) {
 }
 
 TEST(Pool, EveryFailureOfMemoryIsReportedAndLosesNothing) {
-    EXPECT_EQ(captured_standard_error([] {
+    auto quiet = std::make_unique<cm_context>();
+    quiet->trace_level = CM_FATAL;
+    EXPECT_EQ(captured_standard_error([&] {
                   cm_mem_pool *pool = reinterpret_cast<cm_mem_pool *>(1);
                   EXPECT_EQ(cm_mem_init(nullptr, &pool, 0), 0);
                   EXPECT_EQ(pool, nullptr);
+                  EXPECT_EQ(cm_mem_init(quiet.get(), &pool, 0), 0) << "the owner's level decides what is reported";
               }),
               message("cm_mem_init() An invalid memory block size was specified."));
     for (const uint32_t absurd : {0x7FFFFFF0u, UINT32_MAX - 34, UINT32_MAX}) {
         const Pool pool = make_pool(64);
-        EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_alloc(pool.get(), absurd), nullptr); }), kNoBlock);
-        EXPECT_NE(cm_mem_alloc(pool.get(), 28), nullptr);
         cm_mem_pool *none = nullptr;
-        EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_init(nullptr, &none, absurd), 0); }), kNoBlock);
+        EXPECT_EQ(captured_standard_error([&] {
+                      EXPECT_EQ(cm_mem_alloc(pool.get(), absurd), nullptr);
+                      EXPECT_NE(cm_mem_alloc(pool.get(), 28), nullptr);
+                      EXPECT_EQ(cm_mem_init(nullptr, &none, absurd), 0);
+                  }),
+                  kNoBlock + kNoBlock);
     }
     LeakCheck leaks;
-    for (int k = 1;; k++) {
-        cm::blocks::trim();
-        Faults faults(Faults::kAllocations, k);
-        bool ok = true;
-        const std::string told = captured_standard_error([&] {
-            cm_mem_pool *pool = nullptr;
-            ok = cm_mem_init(nullptr, &pool, 64) != 0;
-            if (!ok) return;
-            for (const uint32_t size : {2000u, 28u, 1900u, 4000u}) {  // drops the first block, fills, raises
-                const uint32_t before = pool->block_size;
-                if (cm_mem_alloc(pool, size) != nullptr) continue;
-                ok = false;
-                EXPECT_EQ(pool->block_size, before);
-                EXPECT_NE(cm_mem_alloc(pool, size), nullptr) << "the pool is whole and the next try succeeds";
-            }
-            EXPECT_EQ(cm_mem_exit(pool), 1);
+    bool ok = true;
+    std::string told;
+    const auto use_pool = [&] {
+        cm_mem_pool *pool = nullptr;
+        ok = cm_mem_init(nullptr, &pool, 64) != 0;
+        if (!ok) return;
+        for (const uint32_t size : {2000u, 28u, 1900u, 4000u}) {  // drops the first block, fills, raises
+            const uint32_t before = pool->block_size;
+            if (cm_mem_alloc(pool, size) != nullptr) continue;
+            ok = false;
+            EXPECT_EQ(pool->block_size, before);
+            EXPECT_NE(cm_mem_alloc(pool, size), nullptr) << "the pool is whole and the next try succeeds";
+        }
+        EXPECT_EQ(cm_mem_exit(pool), 1);
+    };
+    cm::test::each_failure(
+        Faults::kAllocations,
+        [&] {
+            cm::blocks::trim();
+            told = captured_standard_error(use_pool);
+        },
+        [&](bool injected) {
+            EXPECT_EQ(leaks.outstanding(), 0u);
+            EXPECT_NE(ok, injected);
+            EXPECT_EQ(told, ok ? "" : kNoBlock);
         });
-        EXPECT_EQ(leaks.outstanding(), 0u) << k;
-        EXPECT_EQ(ok, faults.injected() == 0) << k;
-        EXPECT_EQ(told, ok ? "" : kNoBlock) << k;
-        if (ok) break;
-    }
     Faults faults(Faults::kAllocations, 1);
     EXPECT_EQ(captured_standard_error([] { EXPECT_EQ(cm_mem_alloc(nullptr, 8), nullptr); }),
               message("cm_mem_alloc() Failure allocating memory block."));
@@ -222,16 +220,6 @@ TEST(Pool, HandlesThatCannotBeMadeAreReported) {
     EXPECT_EQ(told, message("Failure allocating memory block."));
 }
 
-TEST(Pool, OwnersLevelDecidesWhatIsReported) {
-    auto quiet = std::make_unique<cm_context>();
-    quiet->trace_level = CM_FATAL;
-    EXPECT_EQ(captured_standard_error([&] {
-                  cm_mem_pool *pool = nullptr;
-                  EXPECT_EQ(cm_mem_init(quiet.get(), &pool, 0), 0);
-              }),
-              "");
-}
-
 TEST(Pool, TextsAreCopiedAndEmptyOnesAreNone) {
     const Pool pool = make_pool(256);
     const struct {
@@ -240,41 +228,36 @@ TEST(Pool, TextsAreCopiedAndEmptyOnesAreNone) {
         const char *stored;
     } rows[] = {{"abc", CM_LEN_TEXT, "abc"}, {"abc", 2, "ab"},      {"", CM_LEN_TEXT, nullptr},     {"abc", 0, nullptr},
                 {"abc", -1, nullptr},        {nullptr, 5, nullptr}, {nullptr, CM_LEN_TEXT, nullptr}};
+    char *stored = nullptr;
     for (const auto &row : rows) {
-        char *stored = const_cast<char *>("old");
         int32_t length = 99;
+        stored = const_cast<char *>("old");
         EXPECT_EQ(cm_mem_savestr(pool.get(), row.text, row.length, &stored, &length), 1);
         EXPECT_STREQ(stored, row.stored);
         EXPECT_EQ(length, row.stored == nullptr ? 0 : static_cast<int32_t>(strlen(row.stored)));
     }
-    char *stored = nullptr;
-    EXPECT_EQ(cm_mem_savestr(pool.get(), "x", 1, &stored, nullptr), 1);
+    auto ctx = std::make_unique<cm_context>();
+    ctx->common_pool = pool.get();
+    const char *text = nullptr;
+    int32_t length = 0;
+    EXPECT_TRUE(cm::shared_text(ctx.get(), "abc", 2, &text, &length));
+    EXPECT_STREQ(text, "ab");
+    EXPECT_EQ(pool->used, 96u) << "shared texts come from the context's pool";
     Faults faults(Faults::kAllocations, 1);
     captured_standard_error([&] { EXPECT_EQ(cm_mem_savestr(nullptr, "x", 1, &stored, nullptr), 0); });
     EXPECT_EQ(stored, nullptr);
 }
 
 TEST(Pool, HexadecimalPairsBecomeBytes) {
-    const struct {
-        const char *text;
-        int result;
-        std::string bytes;
-    } rows[] = {
-        {"4142", 1, "AB"},      {"41420A", 1, "AB\x14"}, {"4A", 1, "\x14"}, {"AA", 1, "\x14"}, {"A4", 1, "\xA4"},
-        {"F9xy0", 1, "\xF9xy"}, {"a4", 1, "a"},          {"4x", 0, ""},     {"4a", 0, ""},     {"", 0, ""},
-        {"zz-", 1, "zz-"},      {"9F", 1, "\x1E"},
-    };
-    for (const auto &row : rows) {
+    for (const cm::test::Row &row : cm::test::rows("core/hex")) {
         for (const bool pooled : {true, false}) {
             const Pool pool = make_pool(64);
             cm_mem_pool *const from = pooled ? pool.get() : nullptr;
             unsigned char *bytes = nullptr;
             int32_t length = -1;
-            ASSERT_EQ(cm_mem_savebin(from, row.text, CM_LEN_TEXT, &bytes, &length), row.result) << row.text;
-            EXPECT_EQ(bytes != nullptr, row.result == 1) << row.text;
-            if (row.result) {
-                EXPECT_EQ(std::string(bytes, bytes + length), row.bytes) << row.text;
-            }
+            const bool taken = cm_mem_savebin(from, row.text(0), CM_LEN_TEXT, &bytes, &length) == 1;
+            EXPECT_EQ(bytes != nullptr, taken) << row.where;
+            EXPECT_EQ(taken ? std::string(bytes, bytes + length) : "refused", row[1]) << row.where;
             cm_mem_free(from, bytes);
         }
     }
@@ -282,18 +265,6 @@ TEST(Pool, HexadecimalPairsBecomeBytes) {
     EXPECT_EQ(cm_mem_savebin(nullptr, nullptr, 4, &bytes, nullptr), 1);
     EXPECT_EQ(bytes, nullptr);
     EXPECT_EQ(cm_mem_savebin(nullptr, "41", -7, &bytes, nullptr), 0);
-}
-
-TEST(Pool, SharedPiecesComeFromTheContextsPool) {
-    auto ctx = std::make_unique<cm_context>();
-    const Pool pool = make_pool(64);
-    ctx->common_pool = pool.get();
-    EXPECT_NE(cm::shared_allocate(ctx.get(), 8), nullptr);
-    const char *text = nullptr;
-    int32_t length = 0;
-    EXPECT_TRUE(cm::shared_text(ctx.get(), "abc", 2, &text, &length));
-    EXPECT_STREQ(text, "ab");
-    EXPECT_EQ(pool->used, 64u);
 }
 
 // ---- kept blocks ---------------------------------------------------------------------------------------------------
