@@ -1,12 +1,12 @@
-// One of the five rewriters on any file, compared with the plain model of the tests: what it writes, what it keeps as
+// One of the five rewriters on any file, compared with a plain model: what it writes, what it keeps as
 // the backup, and that it touches nothing when it fails.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "config/rewrite_model.h"
 #include "platform/platform.h"
+#include "rewrite_model.h"
 #include "support/support.h"
 #include "tilvarcm.h"
 
