@@ -2,7 +2,6 @@
 // leaks, and the next start is a clean one.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 
 #include "core/cmblocks.h"
@@ -47,8 +46,6 @@ protected:
             captured_standard_error([&] { EXPECT_TRUE(start_and_stop()) << "after call " << k << " failed"; });
             if (!reached) break;
         }
-        std::printf("groups %#x: %lld failures injected so far\n", groups,
-                    static_cast<long long>(Faults::total_injected()));
     }
 
     bool seen(const string &line) const { return seen_.find(line + "\n") != string::npos; }

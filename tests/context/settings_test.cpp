@@ -1,17 +1,13 @@
 // Section "common": every key with good and bad values.
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <string>
-#include <utility>
-#include <vector>
+#include <map>
 
 #include "cmctx_config.h"
+#include "support/data.h"
 #include "support/support.h"
 
-using namespace cm::test;
-
 namespace {
+
+using cm::test::captured_standard_error;
 
 // A context as it is when the file is read.
 class Settings : public testing::Test {
@@ -26,154 +22,78 @@ protected:
         cm_mem_exit(ctx_.common_pool);
     }
 
-    bool load(const std::string &key, const std::string &value) {
-        return cm__prop_load(&ctx_, 0, key.c_str(), value.c_str()) != 0;
+    int16_t load(const std::string &key, const std::string &value) {
+        return cm__prop_load(&ctx_, 0, key.c_str(), value.c_str());
+    }
+    std::string text(const char *stored, const int32_t *length = nullptr) {
+        EXPECT_TRUE(length == nullptr || size_t(*length) == (stored == nullptr ? 0 : strlen(stored)));
+        return stored != nullptr ? stored : "(none)";
+    }
+    // What is stored under a key.
+    std::string stored(const std::string &key) {
+        const std::map<std::string, int32_t> numbers = {{"Log Size", ctx_.log_size},
+                                                        {"Idle Threads", ctx_.idle_threads},
+                                                        {"Maximum Connections", ctx_.max_connections},
+                                                        {"Network Read Timeout", ctx_.net_read_timeout},
+                                                        {"Maximum Threads", ctx_.max_threads},
+                                                        {"Throttle IPs", ctx_.throttle_ips},
+                                                        {"Scheduler Task Timeout", ctx_.sched_task_timeout},
+                                                        {"Dial-On-Demand Timeout", ctx_.dial_timeout},
+                                                        {"Dial-On-Demand Busy Timeout", ctx_.dial_busy_timeout},
+                                                        {"File Cache Size", ctx_.file_cache_size},
+                                                        {"Maximum Cached File", ctx_.max_cached_file},
+                                                        {"Cache Stat Interval", ctx_.cache_stat_interval},
+                                                        {"Cache DNS Interval", ctx_.cache_dns_interval},
+                                                        {"Cache Flush Interval", ctx_.cache_flush_interval},
+                                                        {"DNS TTL", ctx_.dns->ttl},
+                                                        {"DNS Timeout", static_cast<int32_t>(ctx_.dns->timeout)},
+                                                        {"Trace Level", ctx_.trace_level},
+                                                        {"Network Trace Level", ctx_.net_trace_level},
+                                                        {"DNS Wildcards", ctx_.dns->flags},
+                                                        {"dns wildcards", ctx_.dns->flags}};
+        const std::map<std::string, std::string> texts = {
+            {"Cookie Tag", text(ctx_.cookie_tag, &ctx_.cookie_tag_len)},
+            {"Log Directory", text(ctx_.log_dir)},
+            {"Tmp Directory", text(ctx_.tmp_dir)},
+            {"Network Log File", text(ctx_.net_log_file)},
+            {"Dial-On-Demand Entry", text(ctx_.dial_entry, &ctx_.dial_entry_len)},
+            {"Dial-On-Demand User", text(ctx_.dial_user, &ctx_.dial_user_len)},
+            {"Dial-On-Demand Password", text(ctx_.dial_password, &ctx_.dial_password_len)},
+            {"Force IP Bind", text(ctx_.bind_address, &ctx_.bind_address_len)},
+            {"Public Key", text(ctx_.cipher_phrase)},
+            {"Certificate File", text(ctx_.cert_file)},
+            {"Private Key File", text(ctx_.key_file)},
+            {"CA Certificate File", text(ctx_.ca_cert_file)},
+            {"NTP Server", text(ctx_.ntp_server)},
+            {"NTP Cron", text(ctx_.ntp_cron)},
+            {"DNS Primary", text(ctx_.dns->primary_text)},
+            {"DNS Secondary", text(ctx_.dns->secondary_text)},
+            {"DNS Hosts File", text(ctx_.dns->hosts_name)}};
+        const std::map<std::string, uint32_t> flags = {{"Persistent Cookies", CTX_PERSISTENT_COOKIES},
+                                                       {"Trace Performance", CTX_TRACE_PERF},
+                                                       {"Flush Logs", CTX_FLUSH_LOGS},
+                                                       {"Linger Close", CTX_LINGER_CLOSE},
+                                                       {"Resolve Host Names", CTX_RESOLVE_NAMES},
+                                                       {"Dial-On-Demand", CTX_DIAL_ON_DEMAND},
+                                                       {"Dial-On-Demand Trace", CTX_DIAL_TRACE},
+                                                       {"Dynamic IP Test", CTX_DYNAMIC_IP_TEST}};
+        if (numbers.contains(key)) return std::to_string(numbers.at(key));
+        if (texts.contains(key)) return texts.at(key);
+        return (ctx_.flags & flags.at(key)) != 0 ? "1" : "0";
     }
 
     cm_context ctx_{};
 };
 
-const char *or_none(const char *text) {
-    return text != nullptr ? text : "(none)";
-}
-
-TEST_F(Settings, Numbers) {
-    using Values = std::vector<std::pair<const char *, int32_t>>;
-    const struct {
-        const char *key;
-        int32_t *field;
-        int32_t before;
-        Values taken, refused;  // the text and what is stored
-    } rows[] = {
-        {"Log Size", &ctx_.log_size, 10000, {{"5", 5}, {"0", 0}, {"-7", -7}, {"x", 0}, {"99999999999", INT_MAX}}, {}},
-        {"Idle Threads",
-         &ctx_.idle_threads,
-         10,
-         {{"1", 3}, {"2", 3}, {"3", 3}, {"40", 40}},
-         {{"0", 0}, {"-1", -1}, {"many", 0}}},
-        {"Maximum Connections", &ctx_.max_connections, 300, {{"1", 1}, {"500 of them", 500}}, {{"0", 0}, {"-5", -5}}},
-        {"Network Read Timeout", &ctx_.net_read_timeout, 180, {{"1", 1}}, {{"0", 0}, {"", 0}}},
-        {"Maximum Threads",
-         &ctx_.max_threads,
-         200,
-         {{"8", 8}, {"4294967297", INT_MAX}},
-         {{"0", 0}, {"-4294967295", INT_MIN}}},
-        {"Throttle IPs", &ctx_.throttle_ips, 0, {{"0", 0}, {"20", 20}}, {{"-1", -1}}},
-        {"Scheduler Task Timeout", &ctx_.sched_task_timeout, 300, {{"10", 10}}, {{"0", 0}}},
-        {"Dial-On-Demand Timeout", &ctx_.dial_timeout, 300, {{"10", 10}}, {{"0", 0}}},
-        {"Dial-On-Demand Busy Timeout", &ctx_.dial_busy_timeout, 300, {{"10", 10}}, {{"-1", -1}}},
-        {"File Cache Size", &ctx_.file_cache_size, 0, {{"4096", 4096}, {"-1", 0}}, {}},
-        {"Maximum Cached File", &ctx_.max_cached_file, 0, {{"4096", 4096}, {"-1", 0}}, {}},
-        {"Cache Stat Interval", &ctx_.cache_stat_interval, 0, {{"2", 2}, {"-1", 0}}, {}},
-        {"Cache DNS Interval", &ctx_.cache_dns_interval, 0, {{"2", 2}, {"-1", 0}}, {}},
-        {"Cache Flush Interval", &ctx_.cache_flush_interval, 0, {{"2", 2}, {"-1", 0}}, {}},
-        {"DNS TTL", &ctx_.dns->ttl, 3600, {{"0", 0}, {"60", 60}, {"-1", 3600}}, {}},
-        {"DNS Timeout",
-         reinterpret_cast<int32_t *>(&ctx_.dns->timeout),
-         90,
-         {{"6", 6}, {"5", 5}, {"1", 5}, {"-9", 5}},
-         {}},
-    };
-    for (const auto &row : rows) {
-        EXPECT_EQ(*row.field, row.before) << row.key;
-        for (const auto &[text, stored] : row.taken) {
-            EXPECT_TRUE(load(row.key, text)) << row.key << " " << text;
-            EXPECT_EQ(*row.field, stored) << row.key << " " << text;
+TEST_F(Settings, EveryKey) {
+    for (const cm::test::Row &row : cm::test::rows("context/settings")) {
+        const uint32_t flags = ctx_.flags;
+        if (!row[2].empty()) {
+            EXPECT_EQ(load(row[0], row[1]), row.number(2)) << row.where;
         }
-        for (const auto &[text, stored] : row.refused) {
-            EXPECT_FALSE(load(row.key, text)) << row.key << " " << text;
-            EXPECT_EQ(*row.field, stored) << row.key << " " << text << ": a bad value stays stored";
-        }
-    }
-}
-
-TEST_F(Settings, Texts) {
-    const struct {
-        const char *key;
-        const char **field;
-        int32_t *length;
-        const char *before, *after_empty;
-    } rows[] = {
-        {"Cookie Tag", &ctx_.cookie_tag, &ctx_.cookie_tag_len, "RCuid", "(none)"},
-        {"Log Directory", &ctx_.log_dir, nullptr, "log", "(none)"},
-        {"Tmp Directory", &ctx_.tmp_dir, nullptr, "tmp", "a text"},
-        {"Network Log File", &ctx_.net_log_file, nullptr, "network.log", "a text"},
-        {"Dial-On-Demand Entry", &ctx_.dial_entry, &ctx_.dial_entry_len, "(none)", "(none)"},
-        {"Dial-On-Demand User", &ctx_.dial_user, &ctx_.dial_user_len, "(none)", "(none)"},
-        {"Dial-On-Demand Password", &ctx_.dial_password, &ctx_.dial_password_len, "(none)", "(none)"},
-        {"Force IP Bind", &ctx_.bind_address, &ctx_.bind_address_len, "(none)", "(none)"},
-        {"Public Key", &ctx_.cipher_phrase, nullptr, "Quartz Ledger Private Phrase", "(none)"},
-        {"Certificate File", &ctx_.cert_file, nullptr, "cert.pem", "(none)"},
-        {"Private Key File", &ctx_.key_file, nullptr, "key.pem", "(none)"},
-        {"CA Certificate File", &ctx_.ca_cert_file, nullptr, "(none)", "(none)"},
-        {"NTP Server", &ctx_.ntp_server, nullptr, "(none)", "(none)"},
-        {"NTP Cron", &ctx_.ntp_cron, nullptr, "(none)", "(none)"},
-        {"DNS Primary", &ctx_.dns->primary_text, nullptr, "(none)", "(none)"},
-        {"DNS Secondary", &ctx_.dns->secondary_text, nullptr, "(none)", "(none)"},
-        {"DNS Hosts File", &ctx_.dns->hosts_name, nullptr, "hosts", "(none)"},
-    };
-    for (const auto &row : rows) {
-        EXPECT_STREQ(or_none(*row.field), row.before) << row.key;
-        EXPECT_TRUE(load(row.key, "a text")) << row.key;
-        EXPECT_STREQ(or_none(*row.field), "a text") << row.key;
-        EXPECT_EQ(row.length != nullptr ? *row.length : 6, 6) << row.key;
-        EXPECT_TRUE(load(row.key, "")) << row.key;
-        EXPECT_STREQ(or_none(*row.field), row.after_empty) << row.key;
-        EXPECT_EQ(row.length != nullptr ? *row.length : 0, 0) << row.key;
-    }
-}
-
-TEST_F(Settings, Flags) {
-    const struct {
-        const char *key;
-        uint32_t bit;
-        bool before, strict;
-    } rows[] = {
-        {"Persistent Cookies", CTX_PERSISTENT_COOKIES, false, true},
-        {"Trace Performance", CTX_TRACE_PERF, true, true},
-        {"Flush Logs", CTX_FLUSH_LOGS, false, true},
-        {"Linger Close", CTX_LINGER_CLOSE, true, true},
-        {"Resolve Host Names", CTX_RESOLVE_NAMES, false, false},
-        {"Dial-On-Demand", CTX_DIAL_ON_DEMAND, false, false},
-        {"Dial-On-Demand Trace", CTX_DIAL_TRACE, false, false},
-        {"Dynamic IP Test", CTX_DYNAMIC_IP_TEST, false, false},
-    };
-    for (const auto &row : rows) {
-        const uint32_t others = ctx_.flags & ~row.bit;
-        EXPECT_EQ((ctx_.flags & row.bit) != 0, row.before) << row.key;
-        EXPECT_TRUE(load(row.key, "TRUE"));
-        EXPECT_EQ(ctx_.flags, others | row.bit) << row.key;
-        for (const char *other : {"yes", "", "truely", "1"}) {
-            EXPECT_EQ(load(row.key, other), !row.strict) << row.key << " " << other;
-            EXPECT_EQ(ctx_.flags, others | row.bit) << row.key;
-        }
-        EXPECT_TRUE(load(row.key, "False"));
-        EXPECT_EQ(ctx_.flags, others) << row.key;
-    }
-    EXPECT_TRUE(load("DNS Wildcards", "true"));
-    EXPECT_EQ(ctx_.dns->flags, CM_DNS_WILDCARDS);
-    EXPECT_TRUE(load("DNS Wildcards", "maybe"));
-    EXPECT_EQ(ctx_.dns->flags, CM_DNS_WILDCARDS);
-    EXPECT_TRUE(load("dns wildcards", "false"));
-    EXPECT_EQ(ctx_.dns->flags, 0);
-}
-
-TEST_F(Settings, Words) {
-    const std::pair<const char *, int32_t> traces[] = {
-        {"FATAL", 10}, {"ERROR", 20}, {"WARN", 30}, {"INFO", 40}, {"TRACE", 50}};
-    for (const auto &[word, level] : traces) {
-        EXPECT_TRUE(load("Trace Level", word));
-        EXPECT_EQ(ctx_.trace_level, level);
-    }
-    const std::pair<const char *, int32_t> nets[] = {
-        {"STREAM", 4}, {"SSL", 3}, {"PACKETS", 2}, {"OPENCLOSE", 1}, {"NONE", 0}};
-    for (const auto &[word, level] : nets) {
-        EXPECT_TRUE(load("Network Trace Level", word));
-        EXPECT_EQ(ctx_.net_trace_level, level);
-    }
-    for (const char *bad : {"VERBOSE", "info", "", "40"}) {
-        EXPECT_FALSE(load("Trace Level", bad));
-        EXPECT_FALSE(load("Network Trace Level", bad));
+        EXPECT_EQ(stored(row[0]), row[3]) << row.where;
+        const uint32_t changed = ctx_.flags ^ flags;
+        EXPECT_EQ(changed & (changed - 1), 0u) << row.where << " changes more than one flag";
     }
 }
 
@@ -183,16 +103,13 @@ TEST_F(Settings, KeysOfOthersAreIgnoredAndUnknownOnesReported) {
                                 "Message File", "Trace Failures", "Trace Successes", "trace library usage"})
             EXPECT_TRUE(load(key, "anything"));
         EXPECT_TRUE(load("No Such Key", "1"));
+        ctx_.trace_level = CM_FATAL;
+        EXPECT_TRUE(load("No Such Key", "1"));
     });
     EXPECT_EQ(log, "Tilvar Server Error: Unrecognized buffer configuration 'No Such Key'\n\n");
-    ctx_.trace_level = CM_FATAL;
-    EXPECT_EQ(captured_standard_error([&] { EXPECT_TRUE(load("No Such Key", "1")); }), "");
-}
-
-TEST_F(Settings, NothingToLoadInto) {
+    cm_context bare{};
     EXPECT_EQ(cm__prop_load(nullptr, 0, "Log Size", "1"), 0);
     EXPECT_EQ(cm__prop_load(&ctx_, 0, nullptr, "1"), 0);
-    cm_context bare{};
     EXPECT_EQ(cm__prop_load(&bare, 0, "DNS TTL", "1"), 0);
 }
 

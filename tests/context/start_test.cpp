@@ -1,6 +1,4 @@
 // Start and stop of the library as a host sees them.
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <cstring>
 #include <map>
@@ -8,10 +6,13 @@
 #include <string>
 
 #include "core/cmcontext.h"
+#include "support/data.h"
+#include "support/replace.h"
 #include "support/support.h"
 
 using namespace cm::test;
 using cm::platform::os;
+using cm::platform::Table;
 using std::string;
 
 namespace {
@@ -79,6 +80,8 @@ TEST(Start, OneLogIsKept) {
 TEST(Start, SecondStartJoinsTheFirst) {
     Host host;
     host.configure("");
+    cm_context *out = nullptr;
+    EXPECT_EQ(cm_ctx_global(&out), 0);
     ASSERT_TRUE(host.start());
     cm_context *const first = host.ctx;
     host.ctx = nullptr;
@@ -88,21 +91,12 @@ TEST(Start, SecondStartJoinsTheFirst) {
     EXPECT_EQ(cm_ctx_init(nullptr, nullptr, nullptr, 0, nullptr), 1);
     EXPECT_EQ(cm_ctx_exit(first), 1);
     EXPECT_EQ(cm_ctx_exit(first), 1);
-    EXPECT_TRUE(is_started());
+    EXPECT_EQ(cm_ctx_global(&out), 1);
+    EXPECT_EQ(out, first);
     EXPECT_EQ(cm_ctx_exit(first), 1);
     EXPECT_FALSE(is_started());
     EXPECT_EQ(cm_ctx_exit(first), 0);
     EXPECT_EQ(cm_ctx_exit(nullptr), 0);
-}
-
-TEST(Start, GlobalContextIsTheStartedOne) {
-    cm_context *out = reinterpret_cast<cm_context *>(1);
-    EXPECT_EQ(cm_ctx_global(&out), 0);
-    EXPECT_EQ(out, reinterpret_cast<cm_context *>(1)) << "left alone";
-    Library library;
-    ASSERT_TRUE(library.ok());
-    EXPECT_EQ(cm_ctx_global(&out), 1);
-    EXPECT_EQ(out, library.ctx());
 }
 
 TEST(Start, WithoutConfigurationEverythingGoesToTheTemporaryFolder) {
@@ -111,12 +105,9 @@ TEST(Start, WithoutConfigurationEverythingGoesToTheTemporaryFolder) {
     EXPECT_TRUE(host.ctx->flags & CTX_NO_CONFIG);
     EXPECT_EQ(host.shown, host.home_notice() + "Tilvar Server: Warning! No configuration file found: " +
                               host.folder.path("config/config.ini") + "\n");
-    EXPECT_STREQ(host.ctx->tmp_dir, "tmp");
-    EXPECT_STREQ(host.ctx->log_dir, "tmp");
-    EXPECT_TRUE(host.folder.exists("tmp/server.log"));
-    EXPECT_TRUE(host.folder.exists("config")) << "made, since this is a set-up";
-    EXPECT_FALSE(host.folder.exists("log"));
     cm_ctx_exit(host.ctx);
+    EXPECT_EQ(host.folder.names(), (std::vector<string>{"config", "tmp"})) << "one made, since this is a set-up";
+    EXPECT_EQ(host.folder.names("tmp"), std::vector<string>{"server.log"});
 }
 
 TEST(Start, TemporaryFolderIsTempThenTmpThenTheLastResort) {
@@ -138,74 +129,49 @@ TEST(Start, TemporaryFolderIsTempThenTmpThenTheLastResort) {
 TEST(Start, FoldersAreMadeAsFarAsTheSetUpSays) {
     for (const bool setup : {false, true}) {
         Host host;
-        host.configure("Log Directory = logs\nTmp Directory = scratch\n");
-        ASSERT_TRUE(host.start("server.log", setup));
+        host.folder.write("etc/config.ini",
+                          "[common]\nIdle Threads = 2\nLog Directory = logs\nTmp Directory = scratch\n"
+                          "[other]\nIdle Threads = 0\n");
+        ASSERT_TRUE(host.start("server.log", setup, "etc"));
+        EXPECT_STREQ(host.ctx->config_dir, "etc");
+        EXPECT_EQ(host.ctx->idle_threads, 3);
+        cm_ctx_exit(host.ctx);
         EXPECT_TRUE(host.folder.exists("logs"));
         EXPECT_EQ(host.folder.exists("scratch"), setup);
-        cm_ctx_exit(host.ctx);
     }
-}
-
-TEST(Start, OtherConfigurationFolder) {
-    Host host;
-    host.folder.write("etc/config.ini", "[common]\nIdle Threads = 2\n[other]\nIdle Threads = 0\n");
-    ASSERT_TRUE(host.start("server.log", false, "etc"));
-    EXPECT_STREQ(host.ctx->config_dir, "etc");
-    EXPECT_EQ(host.ctx->idle_threads, 3);
-    cm_ctx_exit(host.ctx);
 }
 
 // The root is seen in the first path that start-up asks for; nothing is written.
 TEST(Start, ProgramFolderIsStrippedFromTheRoot) {
-    static string asked;
-    const auto real = os;
-    os.path_access = [](const char *path, int32_t) -> cm::platform::Error {
+    string asked;
+    const Replace<&Table::path_access> access([&](const char *path, int32_t) {
         if (asked.empty()) asked = path;
         return CM_EACCES;
-    };
-    os.directory_create = [](const char *) -> cm::platform::Error { return CM_EACCES; };
-    os.file_open = [](const char *, int32_t, int32_t *) -> cm::platform::Error { return CM_EACCES; };
-    const std::pair<const char *, const char *> rows[] = {
-        {"C:\\Srv\\bin", "C:/Srv"},
-        {"/opt/srv/linux", "/opt/srv"},
-        {"X:\\a\\devbin\\bin", "X:/a/devbin"},
-        {"\\bin", "\\bin"},
-        {"/bin", "/bin"},
-        {"/x/BIN", "/x"},
-        {"c:\\a\\devbin", "c:/a"},
-        {"/a/devbin", "/a/devbin"},
-        {"c:\\a\\linux", "c:/a/linux"},
-        {"/srv/bin/", "/srv/bin/"},
-        {"\\\\host\\share\\x", "\\\\host/share/x"},
-        {"ab\\c", "ab/c"},
-        {"/srv/bin/bin", "/srv/bin"},
-    };
-    for (const auto &[home, root] : rows) {
+    });
+    const Replace<&Table::directory_create> create([](const char *) { return CM_EACCES; });
+    const Replace<&Table::file_open> open([](const char *, int32_t, int32_t *) { return CM_EACCES; });
+    for (const Row &row : rows("context/roots")) {
         asked.clear();
-        Environment environment({{"TVHOME", home}, {"TEMP", "tmp"}});
+        Environment environment({{"TVHOME", row[0]}, {"TEMP", "tmp"}});
         cm_context *ctx = nullptr;
         captured_standard_error([&] { EXPECT_EQ(cm_ctx_init(&ctx, "config", "x.log", 0, nullptr), 0); });
-        EXPECT_EQ(asked, string(root) + "/config/config.ini") << home;
+        EXPECT_EQ(asked, row[1] + "/config/config.ini") << row.where;
     }
-    os = real;
 }
 
 TEST(Start, WorkingFolderIsTheRootWithoutTheVariable) {
     Host host;
     host.configure("");
     host.set("", "tmp", "");
-    static string working;
-    working = host.folder.path("bin");
-    const auto real = os;
-    os.working_directory = [](char *out, size_t size) { return cm_strncpy(out, working.c_str(), int32_t(size)) > 0; };
-    ASSERT_TRUE(host.start());
-    EXPECT_EQ(host.shown, "");
-    EXPECT_EQ(host.ctx->root_dir, host.folder.path());
-    cm_ctx_exit(host.ctx);
-    os.working_directory = [](char *, size_t) { return false; };
-    EXPECT_FALSE(host.start());
-    EXPECT_EQ(host.shown, "Tilvar Server Error: TVHOME environment variable not set!\n\n");
-    os = real;
+    for (const string &working : {host.folder.path("bin"), string()}) {
+        const Replace<&Table::working_directory> folder(
+            [&](char *out, size_t size) { return cm_strncpy(out, working.c_str(), int32_t(size)) > 0; });
+        EXPECT_EQ(host.start(), !working.empty());
+        EXPECT_EQ(host.shown, working.empty() ? "Tilvar Server Error: TVHOME environment variable not set!\n\n" : "");
+        if (working.empty()) break;
+        EXPECT_EQ(host.ctx->root_dir, host.folder.path());
+        cm_ctx_exit(host.ctx);
+    }
 }
 
 TEST(Start, RefusalsSayWhy) {
@@ -229,11 +195,7 @@ TEST(Start, RefusalsSayWhy) {
     EXPECT_EQ(host.shown,
               host.home_notice() + "Tilvar Server Error: Unrecognized buffer configuration 'Unheard Of'\n\n");
     cm_ctx_exit(host.ctx);
-}
 
-TEST(Start, ClockThatCannotBeReadEndsIt) {
-    Host host;
-    host.configure("");
     FrozenClock clock;
     clock.fail(true);
     EXPECT_FALSE(host.start());
@@ -270,47 +232,30 @@ TEST(Counters, CountByHourMinuteAndNumber) {
     Library library;
     ASSERT_TRUE(library.ok());
     auto &perf = library.ctx()->perf;
-    EXPECT_EQ(cm_perf(library, 1, 40), 1);
-    EXPECT_EQ(cm_perf(library, 1, 2), 1);
+    const auto count = [&](int32_t number, uint32_t amount) { return cm_perf(library, number, amount); };
+    EXPECT_EQ(count(1, 40) + count(1, 2), 2);
     clock.advance(1);
-    EXPECT_EQ(cm_perf(library, 12, 5), 1);
-    EXPECT_EQ(cm_perf(library, 13, 6), 1) << "spills into the next minute";
+    EXPECT_EQ(count(12, 5) + count(13, 6), 2) << "the second spills into the next minute";
     EXPECT_EQ(perf[13][7][1], 42u);
     EXPECT_EQ(perf[13][8][12], 5u);
     EXPECT_EQ(perf[13][9][0], 6u);
-    EXPECT_EQ(cm_perf(library, INT32_MAX, 1), 0);
-    EXPECT_EQ(cm_perf(library, INT32_MIN, 1), 0);
-    EXPECT_EQ(cm_perf(nullptr, 0, 1), 0);
+    EXPECT_EQ(count(INT32_MAX, 1) + count(INT32_MIN, 1) + cm_perf(nullptr, 0, 1), 0);
     clock.advance(60);
     clock.fail(true);
-    EXPECT_EQ(cm_perf(library, 0, 1), 0);
+    EXPECT_EQ(count(0, 1), 0);
     clock.fail(false);
+    clock.set(86400 * 365 + 86399);  // the last minute of the day does not leave the table
+    EXPECT_EQ(count(12, 1), 1);
+    EXPECT_EQ(perf[23][59][12], 1u);
+    EXPECT_EQ(count(13, 1), 0);
     library.ctx()->flags &= ~uint32_t{CTX_TRACE_PERF};
-    EXPECT_EQ(cm_perf(library, 0, 1), 0);
-    EXPECT_EQ(perf[13][9][0], 6u);
-}
-
-TEST(Counters, LastMinuteOfTheDayDoesNotLeaveTheTable) {
-    FrozenClock clock(86400 * 365 + 86399);
-    clock.set_zone(0);
-    Library library;
-    ASSERT_TRUE(library.ok());
-    EXPECT_EQ(cm_perf(library, 12, 1), 1);
-    EXPECT_EQ(library.ctx()->perf[23][59][12], 1u);
-    EXPECT_EQ(cm_perf(library, 13, 1), 0);
-}
-
-TEST(Counters, HourlyTaskClearsTheComingHour) {
-    FrozenClock clock(86400 * 365 + 23 * 3600);
-    clock.set_zone(0);
-    Library library;
-    ASSERT_TRUE(library.ok());
-    memset(library.ctx()->perf, 1, sizeof library.ctx()->perf);
-    EXPECT_EQ(cm__perf(library, "Performance Monitor", 0), 1);
-    EXPECT_EQ(library.ctx()->perf[0][0][0], 0u);
-    EXPECT_EQ(library.ctx()->perf[0][59][12], 0u);
-    EXPECT_EQ(library.ctx()->perf[1][0][0], 0x01010101u);
-    EXPECT_EQ(library.ctx()->perf[23][59][12], 0x01010101u);
+    EXPECT_EQ(count(0, 1), 0);
+    EXPECT_EQ(perf[23][59][0], 0u);
+    memset(perf, 1, sizeof perf);
+    EXPECT_EQ(cm__perf(library, "Performance Monitor", 0), 1);  // clears the coming hour
+    EXPECT_EQ(perf[0][0][0] + perf[0][59][12], 0u);
+    EXPECT_EQ(perf[1][0][0], 0x01010101u);
+    EXPECT_EQ(perf[23][59][12], 0x01010101u);
 }
 
 // Where the system keeps one byte of a status, it is 255.
