@@ -1,5 +1,6 @@
 // Threads, the thread table, mutexes.
 #include "core/cmblocks.h"
+#include "support/replace.h"
 #include "threads/host.h"
 
 using namespace cm;
@@ -42,27 +43,18 @@ void run_to_end(Host &host) {
 
 // ---- mutexes --------------------------------------------------------------------------------------------------------
 
-TEST(Mutexes, MayBeTakenAgainByTheirHolder) {
-    EXPECT_EQ(cm_take_mutex(nullptr), 0);
-    EXPECT_EQ(cm_release_mutex(nullptr), 0);
-    EXPECT_EQ(cm_delete_mutex(nullptr), 0);
-    EXPECT_EQ(cm_create_mutex(nullptr, nullptr), 0);
+TEST(Mutexes, MayBeTakenAgainByTheirHolderAndTellWhichPartFoundNoMemory) {
     cm_mutex *mutex = nullptr;
     ASSERT_EQ(cm_create_mutex(nullptr, &mutex), 1);
-    EXPECT_EQ(mutex->kind, 1);
-    EXPECT_EQ(cm_take_mutex(mutex), 1);
-    EXPECT_EQ(cm_take_mutex(mutex), 1);
-    EXPECT_EQ(cm_release_mutex(mutex), 1);
-    EXPECT_EQ(cm_release_mutex(mutex), 1);
+    for (int i = 0; i < 2; i++) EXPECT_EQ(cm_take_mutex(mutex), 1);
+    for (int i = 0; i < 2; i++) EXPECT_EQ(cm_release_mutex(mutex), 1);
     EXPECT_EQ(cm_delete_mutex(mutex), 1);
-}
-
-TEST(Mutexes, TellWhichPartFoundNoMemory) {
+    EXPECT_EQ(cm_take_mutex(nullptr) + cm_release_mutex(nullptr) + cm_delete_mutex(nullptr), 0);
+    EXPECT_EQ(cm_create_mutex(nullptr, nullptr), 0);
     const char *told[] = {"Tilvar Server Error: cm_create_mutex(): MALLOC() of 12 bytes failed.\n",
                           "Tilvar Server Error: cm_create_mutex(): MALLOC() of 4 bytes failed.\n"};
     for (int64_t k = 1; k <= 2; k++) {
         LeakCheck leaks;
-        cm_mutex *mutex = nullptr;
         EXPECT_EQ(captured_standard_error([&] {
                       Faults faults(Faults::kAllocations, k);
                       EXPECT_EQ(cm_create_mutex(nullptr, &mutex), 0);
@@ -78,7 +70,7 @@ TEST(Mutexes, TellWhichPartFoundNoMemory) {
 TEST(Threads, ARecordIsInTheTableUnderTheAddressOfItsCell) {
     Host host;
     Gate gate;
-    cm_thread *thread = start(host, gate, "label");
+    cm_thread *thread = start(host, gate, "label"), *none = thread;
     EXPECT_STREQ(thread->label, "label");
     EXPECT_EQ(thread->ctx, host.ctx());
     EXPECT_EQ(thread->table_key, value_of(thread->handle));
@@ -89,8 +81,17 @@ TEST(Threads, ARecordIsInTheTableUnderTheAddressOfItsCell) {
                   1);
     }
     EXPECT_EQ(found, value_of(thread));
+    EXPECT_EQ(thread->serial, 0);
+    host->thread_serial = 999998;
+    EXPECT_EQ(start(host, gate)->serial, 999998);
+    EXPECT_EQ(start(host, gate)->serial, 0);
     gate.open();
     host.settle();
+    const auto empty = std::make_unique<cm_context>();
+    EXPECT_EQ(cm_create_thread(host.ctx(), nullptr, 0, "x", &none), 0);
+    EXPECT_EQ(cm_create_thread(empty.get(), end_at_once, 0, "x", &none), 0);
+    EXPECT_EQ(cm_free_threads(empty.get()), 1);
+    EXPECT_EQ(cm_terminate_thread(nullptr) + cm_free_threads(nullptr) + cm_waitfor_threads(nullptr), 0);
 }
 
 TEST(Threads, TheLimitHoldsUntilARecordIsSpare) {
@@ -108,30 +109,6 @@ TEST(Threads, TheLimitHoldsUntilARecordIsSpare) {
     EXPECT_EQ(start(host, gate), first);
     gate.open();
     host.settle();
-}
-
-TEST(Threads, SerialNumbersStartAgain) {
-    Host host;
-    Gate gate;
-    EXPECT_EQ(start(host, gate)->serial, 0);
-    EXPECT_EQ(start(host, gate)->serial, 1);
-    host->thread_serial = 999998;
-    EXPECT_EQ(start(host, gate)->serial, 999998);
-    EXPECT_EQ(start(host, gate)->serial, 0);
-    gate.open();
-    host.settle();
-}
-
-TEST(Threads, WhatIsRefused) {
-    Host host;
-    cm_thread *thread = nullptr;
-    EXPECT_EQ(cm_create_thread(host.ctx(), nullptr, 0, "x", &thread), 0);
-    const auto empty = std::make_unique<cm_context>();
-    EXPECT_EQ(cm_create_thread(empty.get(), end_at_once, 0, "x", &thread), 0);
-    EXPECT_EQ(cm_free_threads(empty.get()), 1);
-    EXPECT_EQ(cm_terminate_thread(nullptr), 0);
-    EXPECT_EQ(cm_free_threads(nullptr), 0);
-    EXPECT_EQ(cm_waitfor_threads(nullptr), 0);
 }
 
 TEST(Threads, EveryFailureOfAStartIsUndone) {
@@ -241,29 +218,22 @@ TEST(Threads, EndsFromBothSidesGiveARecordBackOnce) {
 
 // Threads that do not leave when they are asked: the entries that wait for them and stop them are replaced.
 struct Stubborn {
-    Stubborn() : saved(os) {
-        os.thread_ask = [](platform::Thread *) { asked++; };
-        os.thread_join = [](platform::Thread *, int32_t timeout_ms) {
-            EXPECT_GE(timeout_ms, 0);
-            EXPECT_LE(timeout_ms, 2000);
-            now_ms += timeout_ms;
-            return false;
-        };
-        os.monotonic_ms = [] { return now_ms; };
-        os.thread_park = [](platform::Thread *thread) {
-            parked++;
-            return on_park != nullptr ? on_park(thread) : true;
-        };
-        asked = parked = 0;
-        now_ms = 0;
-        on_park = nullptr;
-    }
-    ~Stubborn() { os = saved; }
+    int asked = 0, parked = 0;
+    int64_t now_ms = 0;
+    bool can_be_parked = true;
 
-    platform::Table saved;
-    static inline int asked, parked;
-    static inline int64_t now_ms;
-    static inline bool (*on_park)(platform::Thread *);
+    const Replace<&platform::Table::thread_ask> ask{[this](platform::Thread *) { asked++; }};
+    const Replace<&platform::Table::thread_join> join{[this](platform::Thread *, int32_t timeout_ms) {
+        EXPECT_GE(timeout_ms, 0);
+        EXPECT_LE(timeout_ms, 2000);
+        now_ms += timeout_ms;
+        return false;
+    }};
+    const Replace<&platform::Table::monotonic_ms> clock{[this] { return now_ms; }};
+    const Replace<&platform::Table::thread_park> park{[this](platform::Thread *) {
+        parked++;
+        return can_be_parked;
+    }};
 };
 
 TEST(Threads, AParkedThreadsRecordIsSpareAndAllWaitTogetherTwoSeconds) {
@@ -274,12 +244,12 @@ TEST(Threads, AParkedThreadsRecordIsSpareAndAllWaitTogetherTwoSeconds) {
     start(host, gate);
     const Stubborn stubborn;
     EXPECT_EQ(cm_terminate_thread(first), 1);
-    EXPECT_EQ(Stubborn::now_ms, 2000);
+    EXPECT_EQ(stubborn.now_ms, 2000);
     EXPECT_EQ(host->thread_spare, first);
     EXPECT_EQ(cm_free_threads(host.ctx()), 1);
-    EXPECT_EQ(Stubborn::now_ms, 4000);
-    EXPECT_EQ(Stubborn::asked, 3);
-    EXPECT_EQ(Stubborn::parked, 3);
+    EXPECT_EQ(stubborn.now_ms, 4000);
+    EXPECT_EQ(stubborn.asked, 3);
+    EXPECT_EQ(stubborn.parked, 3);
     EXPECT_EQ(host->thread_spare, nullptr);
     EXPECT_EQ(host.threads(), 2);
     Leavers::forget();
@@ -290,8 +260,8 @@ TEST(Threads, AThreadThatCannotBeStoppedKeepsItsRecord) {
     Gate gate;
     cm_thread *thread = start(host, gate);
     {
-        const Stubborn stubborn;
-        Stubborn::on_park = [](platform::Thread *) { return false; };
+        Stubborn stubborn;
+        stubborn.can_be_parked = false;
         EXPECT_EQ(cm_terminate_thread(thread), 0);
         EXPECT_EQ(host.threads(), 1);
         EXPECT_EQ(host->thread_spare, nullptr);
@@ -303,18 +273,15 @@ TEST(Threads, AThreadThatCannotBeStoppedKeepsItsRecord) {
 
 TEST(Threads, OneThatLeavesJustThenIsTakenAsEnded) {
     Host host;
-    static Gate *door;
-    static decltype(os.thread_join) join;
     Gate gate;
-    door = &gate;
-    join = os.thread_join;
+    const auto join = os.thread_join;
     cm_thread *thread = start(host, gate);
     const Stubborn stubborn;
-    Stubborn::on_park = [](platform::Thread *left) {
-        door->open();
+    const Replace<&platform::Table::thread_park> park([&](platform::Thread *left) {
+        gate.open();
         EXPECT_TRUE(join(left, platform::kForever));
         return false;
-    };
+    });
     EXPECT_EQ(cm_terminate_thread(thread), 1);
     EXPECT_EQ(host.threads(), 0);
     EXPECT_EQ(host->thread_spare, thread);
@@ -357,48 +324,29 @@ TEST(Threads, FreeingAlsoFindsThreadsThatEndingOnesStart) {
 
 // ---- waiting --------------------------------------------------------------------------------------------------------
 
-TEST(Threads, WaitingForNobodyTakesNoTime) {
-    Host host;
-    FrozenClock clock;
-    EXPECT_EQ(cm_waitfor_threads(host.ctx()), 1);
-    EXPECT_EQ(clock.slept_ms(), 0);
-    EXPECT_EQ(host.log(), (std::vector<std::string>{"INFO:  Waiting for active threads to terminate...",
-                                                    "INFO:  Closing with NO OPEN THREADS..."}));
-}
-
-TEST(Threads, WaitingEndsAfter45Seconds) {
+TEST(Threads, WaitingForAllEndsWithTheLastOrAfter45Seconds) {
     Host host;
     Gate gate;
-    start(host, gate);
-    start(host, gate);
     {
         FrozenClock clock;
+        EXPECT_EQ(cm_waitfor_threads(host.ctx()), 1);
+        EXPECT_EQ(clock.slept_ms(), 0) << "for nobody it takes no time";
+        start(host, gate);
+        start(host, gate);
         EXPECT_EQ(cm_waitfor_threads(host.ctx()), 0);
         EXPECT_EQ(clock.slept_ms(), 45000);
     }
-    EXPECT_EQ(host.log().back(), "INFO:  Closing with 2 active threads...");
-    gate.open();
-    host.settle();
-}
-
-TEST(Threads, WaitingEndsWithTheLastThread) {
-    Host host;
-    static Gate *door;
-    static Host *in;
-    Gate gate;
-    door = &gate;
-    in = &host;
-    start(host, gate);
-    const platform::Table saved = os;
-    os.sleep = [](int32_t milliseconds) {
+    const Replace<&platform::Table::sleep> sleep([&](int32_t milliseconds) {
         EXPECT_EQ(milliseconds, 1000);
-        door->open();
-        in->settle();
+        gate.open();
+        host.settle();
         return true;
-    };
+    });
     EXPECT_EQ(cm_waitfor_threads(host.ctx()), 1);
-    os = saved;
-    EXPECT_EQ(host.log().back(), "INFO:  Closing with NO OPEN THREADS...");
+    const std::string waiting = "INFO:  Waiting for active threads to terminate...";
+    EXPECT_EQ(host.log(), (std::vector<std::string>{waiting, "INFO:  Closing with NO OPEN THREADS...", waiting,
+                                                    "INFO:  Closing with 2 active threads...", waiting,
+                                                    "INFO:  Closing with NO OPEN THREADS..."}));
 }
 
 // ---- many at once ---------------------------------------------------------------------------------------------------

@@ -25,7 +25,8 @@ public:
         closed = closed_gracefully = 0;
         thread_pool::close_connection = count_close;
         EXPECT_EQ(cm_mem_init(host.ctx(), &memory_, 1024), 1);
-        result_ = cm_tpool_init(host.ctx(), nullptr, memory_, max_workers, &pool_);
+        const int16_t made = cm_tpool_init(host.ctx(), nullptr, memory_, max_workers, &pool_);
+        EXPECT_EQ(made, pool_ != nullptr);
     }
     ~Pool() {
         EXPECT_EQ(cm_tpool_exit(pool_), pool_ != nullptr);
@@ -34,7 +35,6 @@ public:
     }
     cm_tpool *get() const { return pool_; }
     cm_tpool *operator->() const { return pool_; }
-    int16_t result() const { return result_; }
 
     int16_t exec(cm_conn *connection, cm_value argument, cm_job_fn function, const char *label = "job") {
         return cm_tpool_exec(pool_, connection, argument, label, function);
@@ -46,7 +46,6 @@ private:
     Host &host_;
     cm_mem_pool *memory_ = nullptr;
     cm_tpool *pool_ = nullptr;
-    int16_t result_;
 };
 
 int16_t CM_CALL wait_at(cm_context *, cm_conn *, cm_thread *, cm_value gate) {
@@ -104,12 +103,10 @@ TEST(ThreadPool, GrowsUpToItsMaximumAndStaysWithItsIdleWorkers) {
     await([&] { return pool.busy() == 4; });
     gate.open();
     await([&] { return closed == 8 && pool.busy() == 0; });
-    {
-        Pool small(host, 1);  // the workers of the start are there whatever the maximum says
-        EXPECT_EQ(small.workers(), 3);
-        cm_tpool_exit(small.get());
-        EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
-    }
+    Pool small(host, 1);  // the workers of the start are there whatever the maximum says
+    EXPECT_EQ(small.workers(), 3);
+    cm_tpool_exit(small.get());
+    EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
 }
 
 TEST(ThreadPool, RefusesTheJobThatFindsNoRecord) {
@@ -192,41 +189,28 @@ TEST(ThreadPool, AConnectionThatItsHandlerGaveBackIsLeftAlone) {
 // ---- ends -----------------------------------------------------------------------------------------------------------
 
 TEST(ThreadPool, ClosingEndsIdleWorkersAndWaitingJobsAtOnceAndBusyOnesAfterTheirJob) {
-    Host host;
-    auto conns = connections(6);
-    Gate gate;
-    Pool pool(host, 4);
-    for (size_t i = 0; i < 2; i++) {
-        EXPECT_EQ(pool.exec(&conns[i], value_of(gate), wait_at), 1);
-        await([&] { return gate.waiting() == static_cast<int>(i) + 1; });
+    for (const size_t jobs : {2u, 10u}) {  // with a worker that is idle, and with jobs that wait
+        Host host;
+        auto conns = connections(jobs + 1);
+        Gate gate;
+        Pool pool(host, 3);
+        const int busy = jobs < 3 ? static_cast<int>(jobs) : 3;
+        for (size_t i = 0; i < jobs; i++) {
+            EXPECT_EQ(pool.exec(&conns[i], value_of(gate), wait_at), 1);
+            await([&] { return gate.waiting() == std::min(static_cast<int>(i) + 1, 3); });
+        }
+        EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
+        EXPECT_TRUE((load_relaxed(host->flags) & CTX_SHUTDOWN) != 0);
+        await([&] { return host.threads() == busy; });
+        EXPECT_EQ(closed, static_cast<int>(jobs) - busy);
+        EXPECT_EQ(pool.exec(&conns[jobs], value_of(gate), wait_at), 0);
+        EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
+        gate.open();
+        host.settle();
+        EXPECT_EQ(closed_gracefully, busy);
+        EXPECT_EQ(pool.workers() + pool.busy(), 0);
+        for (const auto &conn : conns) EXPECT_EQ(conn.bytes_sent, 1u);
     }
-    EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
-    EXPECT_TRUE((load_relaxed(host->flags) & CTX_SHUTDOWN) != 0);
-    EXPECT_EQ(pool->lock, nullptr);
-    EXPECT_EQ(pool->wake, nullptr);
-    await([&] { return host.threads() == 2; });
-    EXPECT_EQ(pool.exec(&conns[2], value_of(gate), wait_at), 0);
-    EXPECT_EQ(conns[2].bytes_sent, 1u);
-    EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
-    gate.open();
-    host.settle();
-    EXPECT_EQ(closed_gracefully, 2);
-    EXPECT_EQ(pool.workers(), 0);
-    EXPECT_EQ(pool.busy(), 0);
-}
-
-TEST(ThreadPool, ClosingClosesTheConnectionsOfJobsThatStillWait) {
-    Host host;
-    auto conns = connections(10);
-    Gate gate;
-    Pool pool(host, 3);
-    for (auto &conn : conns) EXPECT_EQ(pool.exec(&conn, value_of(gate), wait_at), 1);
-    await([&] { return pool.busy() == 3; });
-    EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
-    EXPECT_EQ(closed, 7);
-    gate.open();
-    host.settle();
-    for (const auto &conn : conns) EXPECT_EQ(conn.bytes_sent, 1u);
 }
 
 TEST(ThreadPool, WorkersThatAreAskedLeave) {
@@ -239,19 +223,6 @@ TEST(ThreadPool, WorkersThatAreAskedLeave) {
     EXPECT_EQ(conns[0].bytes_sent, 1u);
     const MutexGuard guard(host->thread_mutex);
     cm_hash_clear(host->thread_table, nullptr);
-}
-
-TEST(ThreadPool, NullsAndOtherThingsThatAreRefused) {
-    Host host;
-    cm_tpool *pool = nullptr;
-    cm_mem_pool *memory = nullptr;
-    EXPECT_EQ(cm_mem_init(host.ctx(), &memory, 1024), 1);
-    EXPECT_EQ(cm_tpool_init(nullptr, nullptr, memory, 5, &pool), 0);
-    EXPECT_EQ(cm_tpool_init(host.ctx(), nullptr, nullptr, 5, &pool), 0);
-    EXPECT_EQ(cm_tpool_init(host.ctx(), nullptr, memory, 5, nullptr), 0);
-    EXPECT_EQ(cm_tpool_exec(nullptr, nullptr, 1, "x", wait_at), 0);
-    EXPECT_EQ(cm_tpool_exit(nullptr), 0);
-    cm_mem_exit(memory);
 }
 
 TEST(ThreadPool, AFailedStartUndoesItselfAndTheServerGoesOn) {
@@ -289,11 +260,15 @@ TEST(ThreadPool, TooFewThreadsForTheIdleWorkersLeaveNoneBehind) {
     Host host;
     host->max_threads = 2;
     Pool pool(host, 50);
-    EXPECT_EQ(pool.result(), 0);
     EXPECT_EQ(pool.get(), nullptr);
     host.settle();
     EXPECT_EQ(host->flags, 0u);
     EXPECT_EQ(host.logged("ERROR: Maximum number of threads exceeded (2)."), 1);
+    cm_tpool *none = nullptr;
+    EXPECT_EQ(cm_tpool_init(nullptr, nullptr, host->thread_pool_mem, 5, &none), 0);
+    EXPECT_EQ(cm_tpool_init(host.ctx(), nullptr, nullptr, 5, &none), 0);
+    EXPECT_EQ(cm_tpool_init(host.ctx(), nullptr, host->thread_pool_mem, 5, nullptr), 0);
+    EXPECT_EQ(cm_tpool_exec(nullptr, nullptr, 1, "x", wait_at) + cm_tpool_exit(nullptr), 0);
 }
 
 // ---- many at once ---------------------------------------------------------------------------------------------------
