@@ -571,7 +571,7 @@ TEST_F(Processes, EveryAllocationMayFail) {
 
 // A new entry of the table is either failed by Faults or known here not to be fallible.
 TEST(Failures, EveryFallibleEntryCanBeFailed) {
-    constexpr int kNeverFail = 32;
+    constexpr int kNeverFail = 40;
     Faults faults(Faults::kBoth, 0);
     uintptr_t now[sizeof(Table) / sizeof(uintptr_t)], before[std::size(now)];
     memcpy(now, &os, sizeof os);

@@ -88,7 +88,7 @@ void install_all() {
     install<Faults::kEnvironment, &T::working_directory, &T::random_bytes, &T::standard_handles_open>();
     install<Faults::kClock, &T::wall_clock, &T::local_calendar, &T::set_wall_clock>();
     install<Faults::kLibraries, &T::library_open, &T::library_symbol>();
-    install<Faults::kProcesses, &T::process_start>();
+    install<Faults::kProcesses, &T::process_start, &T::process_end, &T::line_dial>();
 }
 
 }  // namespace
