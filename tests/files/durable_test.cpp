@@ -22,17 +22,17 @@ protected:
 };
 
 // Names in the order in which they are drawn.
-unsigned char drawn = 0;
-bool count_up(void *out, size_t count) {
-    auto *bytes = static_cast<unsigned char *>(out);
-    for (size_t i = 0; i < count; i++) bytes[i] = 0;
-    bytes[count - 1] = ++drawn;
-    return true;
-}
+class CountingUp {
+    unsigned char drawn_ = 0;
+    const Replace<&Table::random_bytes> random_{[this](void *out, size_t count) {
+        memset(out, 0, count);
+        static_cast<unsigned char *>(out)[count - 1] = ++drawn_;
+        return true;
+    }};
+};
 
 TEST_F(Durable, SyncsBeforeItRenamesAndTheFolderAfterwards) {
-    const Replaced random(os.random_bytes, count_up);
-    drawn = 0;
+    const CountingUp names;
     const CallRecorder calls(folder.path() + "/");
     ASSERT_TRUE(replace("b"));
     EXPECT_EQ(
@@ -54,46 +54,37 @@ TEST_F(Durable, SyncsBeforeItRenamesAndTheFolderAfterwards) {
 // Whatever fails: the old version is on disk, a failure changes nothing, and no temporary is left.
 TEST_F(Durable, EveryFailedStep) {
     for (const char *backup : {static_cast<const char *>(nullptr), "b"}) {
-        for (int k = 1;; k++) {
-            folder.write("f", "old");
-            folder.write("b", "older");
-            bool done = false;
-            int64_t injected = 0;
-            {
-                const LeakCheck leaks;
-                const Faults faults(Faults::kBoth, k);
-                done = replace(backup);
-                injected = faults.injected();
-                EXPECT_EQ(0u, leaks.outstanding()) << k;
-            }
-            EXPECT_EQ(done ? "new" : "old", folder.read("f")) << k;
-            EXPECT_EQ(done && backup != nullptr ? "old" : "older", folder.read("b")) << k;
-            if (injected == 0) break;
-            for (const std::string &name : folder.names())
-                if (name != "f" && name != "b") folder.remove(name);  // its removal was what failed
-        }
+        bool done = false;
+        each_failure(
+            Faults::kBoth, [&] { done = replace(backup); },
+            [&](bool injected, size_t leaked) {
+                EXPECT_EQ(0u, leaked);
+                EXPECT_TRUE(done || injected);
+                EXPECT_EQ(done ? "new" : "old", folder.read("f"));
+                EXPECT_EQ(done && backup != nullptr ? "old" : "older", folder.read("b"));
+                EXPECT_TRUE(injected || folder.names().size() == 2);
+                for (const std::string &name : folder.names()) folder.remove(name);  // its removal may have failed
+                folder.write("f", "old");
+                folder.write("b", "older");
+            });
     }
 }
 
 // A process that is killed, or a disk that is gone, from the k-th call on.
 TEST_F(Durable, EveryInstantOfAKill) {
-    for (int k = 1;; k++) {
-        folder.write("f", "old");
-        folder.write("b", "older");
-        int64_t injected = 0;
-        {
-            const Faults faults(Faults::kFiles, k, Faults::kNoSpace, Faults::kFromThenOn);
-            replace("b");
-            injected = faults.injected();
-        }
-        const std::string target = folder.read("f"), backup = folder.read("b");
-        EXPECT_TRUE(target == "old" || (target == "new" && backup == "old")) << k << ": " << target << ", " << backup;
-        EXPECT_TRUE(backup == "old" || backup == "older") << k << ": " << backup;
-        if (injected == 0) break;
-        // What was left lying about does not stand in the way of the next one.
-        EXPECT_TRUE(replace("b")) << k;
-        EXPECT_EQ("new", folder.read("f"));
-    }
+    each_failure(
+        Faults::kFiles, [&] { replace("b"); },
+        [&](bool injected) {
+            const std::string target = folder.read("f"), backup = folder.read("b");
+            EXPECT_TRUE(target == "old" || (target == "new" && backup == "old")) << target << ", " << backup;
+            EXPECT_TRUE(backup == "old" || backup == "older") << backup;
+            // What was left lying about does not stand in the way of the next one.
+            EXPECT_TRUE(!injected || replace("b"));
+            EXPECT_EQ("new", folder.read("f"));
+            folder.write("f", "old");
+            folder.write("b", "older");
+        },
+        Faults::kFromThenOn);
 }
 
 TEST_F(Durable, ABackupThatIsTheTargetsOtherName) {  // as a kill between the two renames leaves it
@@ -102,16 +93,15 @@ TEST_F(Durable, ABackupThatIsTheTargetsOtherName) {  // as a kill between the tw
     EXPECT_TRUE(replace("b"));
     EXPECT_EQ("new", folder.read("f"));
     EXPECT_EQ("old", folder.read("b"));
-    EXPECT_EQ((std::vector<std::string>{"b", "f"}), folder.names());
+    EXPECT_EQ((Strings{"b", "f"}), folder.names());
 }
 
 TEST_F(Durable, CopiesWhereThereAreNoSecondNames) {
-    const Replaced link(
-        os.path_link, +[](const char *, const char *) -> platform::Error { return 1; });
+    const Replace<&Table::path_link> link([](auto...) { return 1; });
     folder.write("f", std::string(100000, 'x'));
     EXPECT_TRUE(replace("b"));
     EXPECT_EQ(std::string(100000, 'x'), folder.read("b"));
-    EXPECT_EQ((std::vector<std::string>{"b", "f"}), folder.names());
+    EXPECT_EQ((Strings{"b", "f"}), folder.names());
 }
 
 TEST_F(Durable, WithoutATargetTheBackupStays) {
@@ -141,8 +131,7 @@ TEST_F(Durable, NeverOpensWhatIsThere) {
     EXPECT_NE(0, named.error());
     EXPECT_EQ("older", folder.read("b"));
 
-    const Replaced random(os.random_bytes, count_up);
-    drawn = 0;
+    const CountingUp names;
     folder.write(".cm-0000000000000001.tmp", "someone else's");
     EXPECT_TRUE(replace(nullptr));
     EXPECT_EQ("new", folder.read("f"));

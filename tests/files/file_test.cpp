@@ -16,7 +16,7 @@ constexpr int32_t kRead = CM_O_RDONLY, kRewrite = CM_O_RDWR | CM_O_CREAT | CM_O_
 // ---- lines ----------------------------------------------------------------------------------------------------------
 
 struct Lines {
-    std::vector<std::string> lines;
+    Strings lines;
     int32_t counted = 0;  // by the handle
     bool failed = false;
 };
@@ -47,7 +47,7 @@ TEST_F(LineReader, Table) {
         const char *name;
         std::string text;
         int32_t size;
-        std::vector<std::string> lines;
+        Strings lines;
         int32_t counted;
         bool failed = false;
     } rows[] = {
@@ -92,7 +92,7 @@ TEST_F(LineReader, Table) {
     const std::string name = folder.write("lines", x1022 + "\n\r\nb\n");
     FileCloser file;
     ASSERT_EQ(1, cm_fopen(nullptr, name.c_str(), kRead, file.out()));
-    EXPECT_EQ((std::vector<std::string>{x1022, "\r", "b"}), read_lines(file.get(), 1024).lines);
+    EXPECT_EQ((Strings{x1022, "\r", "b"}), read_lines(file.get(), 1024).lines);
 }
 
 TEST_F(LineReader, AllowLongCutsAndTellsTheLength) {
@@ -111,10 +111,6 @@ TEST_F(LineReader, AllowLongCutsAndTellsTheLength) {
     EXPECT_EQ(0, got);
 }
 
-platform::Error no_read(int32_t, void *, size_t, size_t *) {
-    return Faults::kInputOutput;
-}
-
 TEST_F(LineReader, AReadErrorIsNotTheEnd) {
     const std::string name = folder.write("f", std::string(1024, 'x') + "tail\n");
     FileCloser file;
@@ -123,7 +119,7 @@ TEST_F(LineReader, AReadErrorIsNotTheEnd) {
     int32_t got = 0;
     EXPECT_EQ(1, cm_fread(file.get(), line, 1000, &got));
     {
-        const Replaced broken(os.file_read, no_read);
+        const Replace<&Table::file_read> broken([](auto...) { return Faults::kInputOutput; });
         EXPECT_EQ(0, cm_fgetl(file.get(), 0, line, 2000, &got, nullptr));
         EXPECT_EQ("Tilvar Server Error: File read of '" + name + "' failed.\n", errors());
         EXPECT_EQ(0, cm_fread(file.get(), line, 10, &got));
@@ -200,13 +196,9 @@ TEST_F(Files, TheEndMarkOfTheLineReader) {
     EXPECT_EQ(1, cm_lseek(file.get(), -4, CM_SEEK_END));
     EXPECT_TRUE(read_lines(file.get(), 10).lines.empty());  // kept: the end is the end for lines
     EXPECT_EQ(1, cm_lseek(file.get(), 4, CM_SEEK_START));
-    EXPECT_EQ((std::vector<std::string>{"two"}), read_lines(file.get(), 10).lines);
+    EXPECT_EQ((Strings{"two"}), read_lines(file.get(), 10).lines);
 }
 
-platform::Error full_after_three(int32_t descriptor, const void *data, size_t count, size_t *written) {
-    platform::kSystem.file_write(descriptor, data, count < 3 ? count : 3, written);
-    return count < 3 ? 0 : Faults::kNoSpace;
-}
 platform::Error full(int32_t, const void *, size_t, size_t *written) {
     *written = 0;
     return Faults::kNoSpace;
@@ -222,13 +214,16 @@ TEST_F(Files, Writing) {
     EXPECT_EQ(1, cm_fwrite(file.get(), "text", -1, &written));
     EXPECT_EQ(0, written);
     {
-        const Replaced disk(os.file_write, full_after_three);
+        const Replace<&Table::file_write> disk([](int32_t descriptor, const void *data, size_t, size_t *out) {
+            platform::kSystem.file_write(descriptor, data, 3, out);
+            return Faults::kNoSpace;
+        });
         EXPECT_EQ(1, cm_fwrite(file.get(), "12345", 5, &written));  // kept
         EXPECT_EQ(3, written);
         EXPECT_EQ("Tilvar Server Error: cm_fwrite(28) to file failed [3/5 bytes].\n", errors());
     }
     {
-        const Replaced disk(os.file_write, full);
+        const Replace<&Table::file_write> disk(full);
         EXPECT_EQ(0, cm_fwrite(file.get(), "12345", 5, &written));
         EXPECT_EQ(0, written);
         EXPECT_EQ("Tilvar Server Error: cm_fwrite(28) to file failed [5 bytes].\n", errors());
@@ -254,10 +249,10 @@ TEST_F(FilesWithContext, HexDump) {
     EXPECT_EQ(3, file.get()->lines);
 
     ASSERT_EQ(1, cm_hexwrite(file.get(), nullptr, std::string(1000, 'x').data(), 1000));
-    const std::vector<std::string> lines = lines_of(folder.read("dump"));
+    const Strings lines = lines_of(folder.read("dump"));
     ASSERT_EQ(3u + 63u, lines.size());
     EXPECT_EQ("0003E0:  78 78 78 78 78 78 78 78 :                           xxxxxxxx........", lines.back());
-    const Replaced disk(os.file_write, full);
+    const Replace<&Table::file_write> disk(full);
     EXPECT_EQ(0, cm_hexwrite(file.get(), nullptr, "x", 1));
     cm_delete_mutex(mutex);
 }
@@ -296,7 +291,7 @@ TEST_F(FilesWithContext, HandlesOfManyThreads) {
             for (int n = 0; n < 300; n++) {
                 cm_file *file = nullptr;
                 ASSERT_EQ(1, cm_fopen(ctx, name.c_str(), kRead, &file));
-                EXPECT_EQ((std::vector<std::string>{"text"}), read_lines(file, 10).lines);
+                EXPECT_EQ((Strings{"text"}), read_lines(file, 10).lines);
                 EXPECT_EQ(1, cm_fclose(file));
             }
         });
@@ -320,30 +315,30 @@ TEST_F(FilesWithContext, NamesAreCutAndTheirLengthIsNot) {
 
 TEST_F(FilesWithContext, FailedAllocations) {
     const std::string name = folder.write("f", "text");
-    std::string messages;
-    for (int k = 1;; k++) {
-        const LeakCheck leaks;
-        const Faults faults(Faults::kAllocations, k);
-        cm_file *file = nullptr;
-        const int16_t opened = cm_fopen(nullptr, name.c_str(), kRead, &file);
-        EXPECT_EQ(opened, faults.injected() == 0 ? 1 : 0);
-        EXPECT_EQ(opened, cm_fclose(file));
-        EXPECT_EQ(0u, leaks.outstanding());
-        messages += errors();
-        if (faults.injected() == 0) break;
-    }
-    EXPECT_EQ(
-        "Tilvar Server Error: Memory allocation of file handle failed.\n"
-        "Tilvar Server Error: Memory allocation of file buffer failed.\n",
-        messages);
-    for (int k = 1;; k++) {  // with a context nothing of its own is said, and the next open works
-        const Faults faults(Faults::kAllocations, k);
-        cm_file *file = nullptr;
-        const int16_t opened = cm_fopen(ctx, name.c_str(), kRead, &file);
-        EXPECT_EQ(0, errors().find("file handle failed") != std::string::npos);
-        EXPECT_EQ(opened, ctx->file_open);
-        EXPECT_EQ(opened, cm_fclose(file));
-        if (faults.injected() == 0) break;
+    for (cm_context *const owner : {static_cast<cm_context *>(nullptr), ctx}) {
+        std::string messages;
+        int16_t opened = 0;
+        each_failure(
+            Faults::kAllocations,
+            [&] {
+                cm_file *file = nullptr;
+                opened = cm_fopen(owner, name.c_str(), kRead, &file);
+                EXPECT_EQ(owner == nullptr ? 0 : opened, ctx->file_open);
+                EXPECT_EQ(opened, cm_fclose(file));
+            },
+            [&](bool injected, size_t leaked) {
+                EXPECT_TRUE(opened == 0 ? injected : !injected || owner != nullptr);
+                EXPECT_TRUE(leaked == 0 || owner != nullptr);
+                messages += errors();
+            });
+        if (owner == nullptr) {
+            EXPECT_EQ(
+                "Tilvar Server Error: Memory allocation of file handle failed.\n"
+                "Tilvar Server Error: Memory allocation of file buffer failed.\n",
+                messages);
+        } else {  // nothing of the pool's is said twice
+            EXPECT_EQ(std::string::npos, messages.find("file handle failed"));
+        }
     }
 }
 

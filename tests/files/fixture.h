@@ -8,13 +8,17 @@
 #include <vector>
 
 #include "core/cmthread.h"
-#include "platform/platform.h"
-#include "support/support.h"
+#include "support/data.h"
+#include "support/failures.h"
+#include "support/replace.h"
 #include "tilvarcm.h"
 
 namespace cm::test {
 
+using platform::Error;
 using platform::os;
+using platform::Table;
+using Strings = std::vector<std::string>;
 
 class Files : public testing::Test {
 protected:
@@ -57,20 +61,6 @@ protected:
 
 private:
     std::string root_;
-};
-
-// Replaces one entry of the table for a scope.
-template <class Entry>
-class Replaced {
-public:
-    Replaced(Entry &entry, Entry with) : entry_(entry), saved_(entry) { entry = with; }
-    ~Replaced() { entry_ = saved_; }
-    Replaced(const Replaced &) = delete;
-    Replaced &operator=(const Replaced &) = delete;
-
-private:
-    Entry &entry_;
-    Entry saved_;
 };
 
 }  // namespace cm::test

@@ -61,8 +61,8 @@ TEST_F(LogFiles, AFreshLogKeepsTheLastOne) {
             EXPECT_EQ("last run", folder.read(std::string("log/") + row.old_name));
         }
     }
-    EXPECT_EQ(std::vector<std::string>({".log", "a.lo", "a.text", "access.log", "access.old", "server.LOG",
-                                        "server.old", "x.log", "x.old", "y.log"}),
+    EXPECT_EQ(Strings({".log", "a.lo", "a.text", "access.log", "access.old", "server.LOG", "server.old", "x.log",
+                       "x.old", "y.log"}),
               folder.names("log"));
     folder.remove("log/x.log");  // without a log the older one is the only one, and stays
     EXPECT_EQ(1, cm_fclose(open_log("x.log", kFresh)));
@@ -102,21 +102,14 @@ TEST_F(LogFiles, RotatingWithCompression) {
     EXPECT_LT(folder.read("log/a.old").size(), expected.size() / 3);
     EXPECT_EQ(1, cm_lrotate(file, mutex, "a.log", nullptr, 1));  // nothing was moved, nothing to compress
     EXPECT_EQ(1, cm_fclose(file));
-    EXPECT_EQ((std::vector<std::string>{"a.log", "a.old"}), folder.names("log"));
-}
-
-platform::Error no_rename(const char *, const char *) {
-    return CM_EACCES;
-}
-platform::Error no_open(const char *, int32_t, int32_t *) {
-    return CM_EMFILE;
+    EXPECT_EQ((Strings{"a.log", "a.old"}), folder.names("log"));
 }
 
 TEST_F(LogFiles, ARotationThatFails) {
     cm_file *file = open_log("a.log", kFresh);
     EXPECT_EQ(1, cm_lwrite(file, "first", CM_LEN_TEXT, 0, mutex, 1));
     {
-        const Replaced broken(os.path_rename, no_rename);
+        const Replace<&Table::path_rename> broken([](auto...) { return CM_EACCES; });
         EXPECT_EQ(0, cm_lrotate(file, mutex, "a.log", "a.old", 0));
     }
     const std::string log = folder.absolute("log/a.log"), old = folder.absolute("log/a.old");
@@ -124,7 +117,7 @@ TEST_F(LogFiles, ARotationThatFails) {
     EXPECT_EQ(1, cm_lwrite(file, "second", CM_LEN_TEXT, 0, mutex, 1));
     EXPECT_EQ("first\nsecond\n", folder.read("log/a.log"));  // what could not be moved goes on
     {
-        const Replaced broken(os.file_open, no_open);
+        const Replace<&Table::file_open> broken([](auto...) { return CM_EMFILE; });
         EXPECT_EQ(0, cm_lrotate(file, mutex, "a.log", "a.old", 0));
     }
     EXPECT_EQ("Tilvar Server Error: File open of '" + log + "' failed.\n", errors());
@@ -139,29 +132,21 @@ TEST_F(LogFiles, ARotationThatFails) {
 TEST_F(LogFiles, CompressingFailsWholeOrNotAtAll) {
     std::string text;
     for (int i = 0; i < 30000; i++) text += std::to_string(i * 7919 % 100003);
-    for (int k = 1;; k++) {
-        const std::string name = folder.write("f", text);
-        int16_t done = 0;
-        int64_t injected = 0;
-        {
-            const LeakCheck leaks;
-            const Faults faults(Faults::kBoth, k, Faults::kNoSpace);
-            done = cm_zlib_gzip(ctx, name.c_str());
-            injected = faults.injected();
-            EXPECT_EQ(0u, leaks.outstanding()) << k;
-        }
-        EXPECT_EQ(text, done != 0 ? inflated(folder.read("f")) : folder.read("f")) << k;
-        const std::string said = errors();
-        if (done == 0) {
-            EXPECT_TRUE(said == "Tilvar Server Error: cm_zlib_gzip() Compression of '" + name + "' failed.\n" ||
+    const std::string name = folder.write("f", text);
+    int16_t done = 0;
+    each_failure(
+        Faults::kBoth, [&] { done = cm_zlib_gzip(ctx, name.c_str()); },
+        [&](bool injected, size_t leaked) {
+            EXPECT_EQ(0u, leaked);
+            EXPECT_TRUE(done != 0 || injected);
+            EXPECT_EQ(text, done != 0 ? inflated(folder.read("f")) : folder.read("f"));
+            const std::string said = errors();
+            EXPECT_TRUE(done != 0 ||
+                        said == "Tilvar Server Error: cm_zlib_gzip() Compression of '" + name + "' failed.\n" ||
                         said == "Tilvar Server Error: File open of '" + name + "' failed.\n")
                 << said;
-        }
-        if (injected == 0) {
-            EXPECT_EQ(1, done);
-            break;
-        }
-    }
+            folder.write("f", text);
+        });
     const std::string empty = folder.write("f", "");
     EXPECT_EQ(1, cm_zlib_gzip(ctx, empty.c_str()));
     EXPECT_EQ("", inflated(folder.read("f")));
@@ -177,7 +162,7 @@ TEST_F(LogFiles, CopyingAFileIntoTheLog) {
     ctx->log_mutex = mutex;
     cm_logfile(ctx, "heading", name.c_str());
     EXPECT_EQ(1, cm_fclose(ctx->log_file));
-    const std::vector<std::string> lines = log_lines(path("log/a.log"));
+    const Strings lines = log_lines(path("log/a.log"));
     ASSERT_EQ(3u, lines.size());
     EXPECT_EQ("heading", lines[0]);  // dated, and no level
     EXPECT_EQ(std::string(992, 'a'), lines[1]);

@@ -29,49 +29,26 @@ std::string in_exactly(int32_t size, Run run) {
     return {out.get(), static_cast<size_t>(length)};
 }
 
+const char *pointer(const std::string &field) {
+    return field == "-" ? nullptr : field.c_str();
+}
+
 class BuildPath : public FilesWithContext {};
 
 TEST_F(BuildPath, Table) {
-    const struct {
-        const char *root, *directory, *name, *result;
-    } rows[] = {
-        {"c:/", "docs", "a.htm", "c:/docs/a.htm"},
-        {"c:/", "docs", "/a.htm", "c:/docs/a.htm"},
-        {"c:/", "docs", "//a.htm", "//a.htm"},
-        {"c:/", "d:/x", "a.htm", "d:/x/a.htm"},
-        {"c:/srv", "//host/x", "a", "//host/x/a"},
-        {"c:/srv", "\\\\host", "a", "\\\\host/a"},
-        {"c:/srv", "docs/", "a", "c:/srv/docs/a"},
-        {"c:/srv", "\\docs\\", "\\a", "c:/srv\\docs\\a"},
-        {"c:/srv", "/var/log", "a", "c:/srv/var/log/a"},
-        {"c:/srv", nullptr, "a", "c:/srv/a"},
-        {"c:/srv/", nullptr, "/a", "c:/srv/a"},
-        {"c:/srv", nullptr, "e:a", "e:a"},
-        {"c:/srv", nullptr, "", "c:/srv"},
-        {"c:/srv", "", "a", "c:/srv/a"},
-        {"c:/srv", "x", "", "c:/srv/x"},
-        {"c:/srv", "x", nullptr, "c:/srv/x"},
-        {"c:/srv", "..", "../a", "c:/srv/../../a"},
-        {"/", "x", "a", "//x/a"},
-        {nullptr, nullptr, "a", "/a"},
-        {nullptr, "x", "a", "/x/a"},
-        {nullptr, "/", "a", "/a"},
-        {nullptr, nullptr, "", ""},
-        {nullptr, "", "", "/"},
-    };
-    for (const auto &row : rows) {
-        ctx->root_dir = row.root;
-        ctx->root_len = row.root == nullptr ? 0 : CM_LEN_TEXT;
+    for (const Row &row : rows("files/build_path")) {
+        SCOPED_TRACE(row.where);
+        const char *const root = pointer(row[0]), *const directory = pointer(row[1]), *const name = pointer(row[2]);
+        ctx->root_dir = root;
+        ctx->root_len = root == nullptr ? 0 : CM_LEN_TEXT;
         const auto build = [&](char *out, int32_t size, int32_t *length) {
-            return cm_build_path(row.root == nullptr ? nullptr : ctx, row.directory, row.name, out, size, length);
+            return cm_build_path(root == nullptr ? nullptr : ctx, directory, name, out, size, length);
         };
-        const auto length_of = [](const char *text) {
-            return text == nullptr ? 0 : static_cast<int32_t>(strlen(text));
-        };
-        const int32_t room = length_of(row.root) + length_of(row.directory) + length_of(row.name) + 3;
-        EXPECT_EQ(row.result, in_exactly(room, build));
+        size_t room = 3;
+        for (const char *part : {root, directory, name}) room += part == nullptr ? 0 : strlen(part);
+        EXPECT_EQ(row[3], in_exactly(static_cast<int32_t>(room), build));
         EXPECT_EQ("", errors());
-        EXPECT_EQ("(fails)", in_exactly(room - 1, build));
+        EXPECT_EQ("(fails)", in_exactly(static_cast<int32_t>(room) - 1, build));
         EXPECT_EQ("Tilvar Server Error: cm_build_path() failed.  Buffer provided is too small.\n", errors());
     }
 }
@@ -83,33 +60,8 @@ std::string clean(const char *base, const char *relative, int32_t size) {
 }
 
 TEST(CleanupPath, Table) {
-    const struct {
-        const char *base, *relative, *result;
-    } rows[] = {
-        {"/a/b/../c", nullptr, "/a/c"},
-        {"/../x", nullptr, "(fails)"},
-        {"/a//bc", nullptr, "/a/c"},
-        {"/a/b", "../c", "/a/c"},
-        {"/a/b", "../../c", "/c"},
-        {"/a/b", "../../../c", "(fails)"},
-        {"/r/docs", "..\\a", "/r/a"},
-        {"a/../x", nullptr, "(fails)"},
-        {"/a/./b", nullptr, "/a/./b"},
-        {"/a/b/..", nullptr, "/a/b/.."},
-        {"../x", nullptr, "../x"},
-        {"", "../x", "../x"},
-        {"\\a\\b", nullptr, "\\a/b"},
-        {"./a", "./b", "a/b"},
-        {"./", "./", "././"},
-        {"/a/", "/b", "/a/b"},
-        {"/a", "", "/a/"},
-        {"//srv/x", nullptr, "/rv/x"},
-        {"/a/...", "..b/", "/a/.../..b/"},
-        {"/a//", nullptr, "/a/"},
-        {nullptr, nullptr, ""},
-    };
-    for (const auto &row : rows)
-        EXPECT_EQ(row.result, clean(row.base, row.relative, 64)) << row.base << ", " << row.relative;
+    for (const Row &row : rows("files/cleanup_path"))
+        EXPECT_EQ(row[2], clean(pointer(row[0]), pointer(row[1]), 64)) << row.where;
 }
 
 // Every short text of the bytes that matter: never longer, never outside its storage, and no parent step left behind
@@ -168,16 +120,14 @@ TEST_F(Files, WhatIsKnownOfAPath) {
 }
 
 TEST_F(Files, StatIsOfPlainFilesAndSaturates) {
-    const Replaced status(
-        os.path_status, +[](const char *path, bool, platform::FileStatus *out) -> platform::Error {
-            *out = {};
-            out->type =
-                std::string_view(path) == "tty" ? platform::FileType::kCharacterDevice : platform::FileType::kRegular;
-            out->index = 0x123456789ABCD;
-            out->size = 5ull << 32;
-            out->mtime = -1;
-            return 0;
-        });
+    const Replace<&Table::path_status> status([](std::string_view path, bool, platform::FileStatus *out) -> Error {
+        *out = {};
+        out->type = path == "tty" ? platform::FileType::kCharacterDevice : platform::FileType::kRegular;
+        out->index = 0x123456789ABCD;
+        out->size = 5ull << 32;
+        out->mtime = -1;
+        return 0;
+    });
     cm_stat_rec record;
     EXPECT_EQ(0, cm_stat(nullptr, "tty", 0, &record));
     EXPECT_EQ(1, cm_stat(nullptr, "f", 0, &record));
@@ -217,33 +167,30 @@ TEST_F(Files, Renaming) {
     EXPECT_EQ(0, cm_rename(a.c_str(), a.c_str()));
 }
 
-int failures_left = 0;
-platform::Error fails_at_first(const char *path) {
-    return failures_left-- > 0 ? CM_EACCES : platform::kSystem.path_remove(path);
-}
-
 TEST_F(Files, UnlinkTries) {
-    const Replaced remove(os.path_remove, fails_at_first);
+    int failures_left = 0;
+    const Replace<&Table::path_remove> remove(
+        [&](const char *path) { return failures_left-- > 0 ? CM_EACCES : platform::kSystem.path_remove(path); });
     const struct {
-        const char *name;
+        const char *what;
         int32_t tries;
         int failures;
         int16_t result;
         int64_t slept_ms;
         bool there;
-    } rows[] = {
+    } cases[] = {
         {"at once", 2, 0, 1, 0, false},
         {"never", 2, 9, 0, 2000, true},
         {"second try, mark kept, third finds nothing", 3, 1, 0, 2000, false},
         {"no tries", 0, 0, 1, 0, true},
     };
-    for (const auto &row : rows) {
+    for (const auto &[what, tries, failures, result, slept_ms, there] : cases) {
         const std::string name = folder.write("f", "x");
         const FrozenClock clock;
-        failures_left = row.failures;
-        EXPECT_EQ(row.result, cm_unlink(name.c_str(), row.tries)) << row.name;
-        EXPECT_EQ(row.slept_ms, clock.slept_ms()) << row.name;
-        EXPECT_EQ(row.there, folder.exists("f")) << row.name;
+        failures_left = failures;
+        EXPECT_EQ(result, cm_unlink(name.c_str(), tries)) << what;
+        EXPECT_EQ(slept_ms, clock.slept_ms()) << what;
+        EXPECT_EQ(there, folder.exists("f")) << what;
     }
     failures_left = 0;
 }
@@ -258,30 +205,22 @@ TEST_F(Copying, Sizes) {
         EXPECT_EQ(std::string(size, 'c'), folder.read("to"));
     }
     EXPECT_EQ(0, ctx->file_open);
-}
-
-TEST_F(Copying, NeverOntoItself) {
     const std::string from = folder.write("f", "kept"), other = folder.path() + "/log/../f";
-    EXPECT_EQ(0, cm_cp(ctx, from.c_str(), other.c_str()));
+    EXPECT_EQ(0, cm_cp(ctx, from.c_str(), other.c_str()));  // never onto itself
     EXPECT_EQ("kept", folder.read("f"));
     EXPECT_EQ("Tilvar Server Error: cm_cp() '" + from + "' and '" + other + "' are the same file.\n", errors());
 }
 
 TEST_F(Copying, EveryFailedStep) {
     const std::string bytes(2500, 'c'), from = folder.write("from", bytes), to = path("to");
-    for (int k = 1;; k++) {
-        const Faults faults(Faults::kBoth & ~Faults::kLocks, k, Faults::kNoSpace);
-        const int16_t copied = cm_cp(ctx, from.c_str(), to.c_str());
-        if (copied != 0) {
-            EXPECT_EQ(bytes, folder.read("to")) << k;
-        }
-        EXPECT_EQ(0, ctx->file_open) << k;
-        EXPECT_EQ(bytes, folder.read("from"));
-        if (faults.injected() == 0) {
-            EXPECT_EQ(1, copied);
-            break;
-        }
-    }
+    int16_t copied = 0;
+    each_failure(
+        Faults::kBoth & ~Faults::kLocks, [&] { copied = cm_cp(ctx, from.c_str(), to.c_str()); },
+        [&](bool injected) {
+            EXPECT_TRUE(copied == 0 ? injected : folder.read("to") == bytes);
+            EXPECT_EQ(0, ctx->file_open);
+            EXPECT_EQ(bytes, folder.read("from"));
+        });
 }
 
 TEST_F(Copying, LongAndForeignNames) {

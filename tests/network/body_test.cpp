@@ -24,6 +24,9 @@ TEST(Body, PiecesBecomeSends) {
                 body += sample(piece);
                 ASSERT_EQ(wire.put(sample(piece)), 1);
             }
+            if (!traced) {
+                EXPECT_EQ(wire.sends.size(), static_cast<size_t>(row.number(3)));
+            }
             ASSERT_EQ(wire.put("", 1), 1);
             const std::vector<size_t> sends = numbers(row[2]);
             size_t at = 0;
