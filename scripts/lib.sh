@@ -34,7 +34,11 @@ packages_to_test='
   openssl      openssl
   python3      python3
   curl         curl
+  libwrap0     /usr/lib/*/libwrap.so.0
 '
+# Unpacked into build/unpacked, not installed: these packages exclude each other, and would start servers of the system.
+packages_to_unpack='vsftpd pure-ftpd'
+
 packages_to_fuzz='
   clang              clang++
   libclang-rt-14-dev /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a
@@ -77,6 +81,18 @@ need() {
   get "$@" && return 0
   echo "$why_not" >&2
   exit 1
+}
+
+# Unpacks what tests run as programs of their own.  Those tests are skipped where that is not possible.
+unpack() {
+  local package here=$PWD/build/unpacked
+  command -v apt-get >/dev/null || return 0
+  mkdir -p "$here"
+  for package in $packages_to_unpack; do
+    [ -e "$here/usr/share/doc/$package" ] && continue
+    (cd "$here" && apt-get download "$package" && dpkg -x "$package"_*.deb . && rm "$package"_*.deb) >>"$logs/install.log" 2>&1
+  done
+  return 0
 }
 
 stage_number=0
