@@ -108,11 +108,12 @@ TEST(Tags, FlushDropsWhatIsBufferedAndTheRestOfAnItem) {
 }
 
 TEST(Tags, ValueTypesAndTags) {
-    const int32_t tags[] = {0, 3, 2, 5, 4, 6, 0};
-    for (int32_t type = 0; type <= 6; type++) {
-        EXPECT_EQ(cm_cmtonettype(type), tags[type]);
-        EXPECT_EQ(cm_nettocmtype(tags[type]), tags[type] != 0 ? type : 0);
+    std::string tags, types;
+    for (int32_t i = 0; i <= 7; i++) {
+        tags += static_cast<char>('0' + cm_cmtonettype(i));
+        types += static_cast<char>('0' + cm_nettocmtype(i));
     }
+    EXPECT_EQ(tags + " " + types, "03254600 00214350");
 }
 
 TEST(Peek, LooksWithoutReading) {
