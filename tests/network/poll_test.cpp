@@ -174,6 +174,7 @@ TEST(Poll, TheNameIsLookedUpOnTheWorker) {
     EXPECT_EQ(quick.receive(1), "");
     slow = false;
     EXPECT_EQ(waits.receive(1), "");
+    const std::lock_guard lock(mutex);
     EXPECT_EQ(served, (Strings{"127.0.0.3 named", "127.0.0.2 named"}));
 }
 
