@@ -116,6 +116,10 @@ TEST(Token, CharactersAreFoundFromThePositionOn) {
         EXPECT_EQ(index, row.index) << row.wanted << row.stop;
         EXPECT_EQ(scanner.position, 1);
     }
+    int32_t index = -1;
+    scanner.position = scanner.length;
+    EXPECT_EQ(cm_token_findchr(&scanner, 'x', 'y', &index), 1) << "nor is it at the end";
+    EXPECT_EQ(index, 5);
 }
 
 }  // namespace
