@@ -8,12 +8,12 @@
 #include <sstream>
 #include <thread>
 
+#include "schedule/scheduler.h"
 #include "support/data.h"
 #include "support/failures.h"
 #include "support/support.h"
 
 using namespace cm::test;
-using cm::platform::os;
 using std::string;
 using std::to_string;
 namespace fs = std::filesystem;
@@ -43,6 +43,11 @@ class Cache : public testing::Test {
 protected:
     using Words = std::vector<string>;
 
+    void SetUp() override {
+        scheduler_by_hand(library.ctx());
+        cm_cache_exit(library);
+        cm_cache_init(library);
+    }
     void TearDown() override {
         library.stop();
         EXPECT_EQ(leaks.outstanding(), 0u);

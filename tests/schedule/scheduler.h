@@ -1,14 +1,9 @@
-// What the tests of this folder share: a scheduler that is driven by hand, and a second, plain reading of periods.
+// What the tests of this folder share: a scheduler that is driven by hand, and tasks that tell what ran.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <atomic>
-#include <map>
-#include <set>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "core/relaxed.h"
@@ -23,34 +18,26 @@ using Strings = std::vector<std::string>;
 
 constexpr int64_t kMinute = 60, kHour = 3600, kDay = 86400;
 
-// A started library whose scheduler has no thread: the tests do its rounds.
-class Scheduler {
-public:
-    explicit Scheduler(const std::string &schedule = "", const char *common = "Trace Level = INFO")
-        : library(common,
-                  [&](TempFolder &folder) {
-                      if (!schedule.empty()) folder.write("config/schedule.ini", schedule);
-                  }) {
-        if (!library.ok()) return;
-        cm_cron_stop(library);
-        renew();
-    }
+// A scheduler without a thread in the place of the library's own, whose thread has ended: tests do its rounds, and may
+// replace entries of the table.
+inline cm_cron *scheduler_by_hand(cm_context *ctx) {
+    static cm_thread nobody;
+    EXPECT_TRUE(ctx->cron == nullptr || ctx->cron->thread == &nobody || cm_terminate_thread(ctx->cron->thread) == 1);
+    ctx->cron = nullptr;
+    EXPECT_EQ(cm_cron_init(ctx), 1);
+    ctx->cron->thread = &nobody;
+    return ctx->cron;
+}
 
-    // A state of its own for what follows.
-    void renew() {
-        ctx()->cron = nullptr;
-        EXPECT_EQ(cm_cron_init(library), 1);
-        cron = ctx()->cron;
-        cron->thread = &nobody_;
-        cron->last = kStart;
-    }
+// A started library with such a scheduler.
+struct Scheduler {
+    explicit Scheduler(const char *common = "Trace Level = INFO") : library(common) {}
 
-    cm_context *ctx() { return library.ctx(); }
     void round(int64_t now) { cron::run_round(cron, now); }
-    int16_t add(const char *name, cm_task_fn function, const char *period, int32_t threaded = 0, cm_value argument = 0) {
-        return cm_cron_task(library, name, function, argument, 101, threaded, period);
+    int16_t add(const char *name, cm_task_fn function, const char *period, int32_t threaded = 0,
+                const char *argument = nullptr) {
+        return cm_cron_task(library, name, function, reinterpret_cast<cm_value>(argument), 101, threaded, period);
     }
-
     static Strings names(const cm_cron_rec *list) {
         Strings names;
         for (; list != nullptr; list = list->next) names.push_back(list->name);
@@ -59,13 +46,10 @@ public:
 
     static constexpr int64_t kStart = 1000000020;  // a whole minute
     Library library;
-    cm_cron *cron = nullptr;
-
-private:
-    cm_thread nobody_ = {};
+    cm_context *const ctx = library.ctx();
+    cm_cron *const cron = scheduler_by_hand(ctx);
+    const int64_t began_ = cron->last = kStart;
 };
-
-// ---- runs of the task function below ----------------------------------------------------------------------------------
 
 inline Strings &ran() {
     static Strings names;
@@ -73,41 +57,13 @@ inline Strings &ran() {
 }
 
 inline int16_t CM_CALL note(cm_context *, const char *name, cm_value argument) {
-    ran().push_back(std::string(name) + (argument != 0 ? std::string(": ") + reinterpret_cast<const char *>(argument) : ""));
+    const std::string text = argument != 0 ? std::string(": ") + reinterpret_cast<const char *>(argument) : "";
+    ran().push_back(name + text);
     return 1;
 }
 
 inline int16_t CM_CALL fail(cm_context *, const char *, cm_value) {
     return 0;
-}
-
-// ---- a second reading of periods ------------------------------------------------------------------------------------
-
-// The set of a field that is valid, from its plain parts.
-struct PlainItem {
-    int low, high, step;
-};
-
-inline std::set<int> plain_set(const std::vector<PlainItem> &items, int count) {
-    std::set<int> set;
-    for (const PlainItem &item : items) {
-        const int length = (item.high - item.low + count) % count;
-        for (int i = 0; i <= length; i += item.step) set.insert((item.low + i) % count);
-    }
-    return set;
-}
-
-inline std::set<int> set_of(const uint8_t *flags, int count) {
-    std::set<int> set;
-    for (int i = 0; i < count; i++)
-        if (flags[i] != 0) set.insert(i);
-    return set;
-}
-
-inline std::set<int> range(int first, int last) {
-    std::set<int> set;
-    for (int i = first; i <= last; i++) set.insert(i);
-    return set;
 }
 
 }  // namespace cm::test

@@ -233,6 +233,8 @@ private:
 //     error TEXT          prints TEXT on the standard error stream
 //     folder              prints its working directory
 //     descriptors         prints how many descriptors it has (where the system tells)
+//     signals             prints "default" unless signals are blocked or ignored (where the system tells)
+//     errors ARGUMENT...  the same with the error stream in the place of standard output
 //     hold PORT           connects to 127.0.0.1:PORT and stays until it is killed
 //     start WORD...       starts these words with its own three streams, ends as they do
 //     nest PORT           starts another one with "hold PORT" and waits for it

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -14,8 +15,10 @@ using cm::platform::kSystem;
 
 namespace {
 
+FILE *out = stdout;
+
 int print_words(int count, char **words) {
-    for (int i = 0; i < count; i++) printf("[%s]\n", words[i]);
+    for (int i = 0; i < count; i++) fprintf(out, "[%s]\n", words[i]);
     return 0;
 }
 
@@ -52,6 +55,15 @@ int print_descriptors() {
     return 0;
 }
 
+int print_signals() {
+    std::ifstream status("/proc/self/status");
+    std::string field, mask, odd;
+    while (status >> field)
+        if ((field == "SigBlk:" || field == "SigIgn:") && status >> mask && mask.find_first_not_of('0') != mask.npos)
+            odd += field + mask;
+    return fprintf(out, "%s\n", odd.empty() ? "default" : odd.c_str()) < 0;
+}
+
 int hold(int port) {
     const unsigned char loopback[4] = {127, 0, 0, 1};
     uint32_t address;
@@ -78,14 +90,21 @@ int start(int count, char **words) {
 }  // namespace
 
 int main(int count, char **words) {
+    if (count > 1 && strcmp(words[1], "errors") == 0) {
+        out = stderr;
+        words[1] = words[0];
+        words++;
+        count--;
+    }
     const std::string what = count > 1 ? words[1] : "";
     const char *argument = count > 2 ? words[2] : "";
     if (what == "print") return print_words(count - 2, words + 2);
     if (what == "exit") return atoi(argument);
     if (what == "echo") return echo();
     if (what == "error") return fprintf(stderr, "%s", argument) < 0;
-    if (what == "folder") return printf("%s\n", std::filesystem::current_path().generic_string().c_str()) < 0;
+    if (what == "folder") return fprintf(out, "%s\n", std::filesystem::current_path().generic_string().c_str()) < 0;
     if (what == "descriptors") return print_descriptors();
+    if (what == "signals") return print_signals();
     if (what == "hold") return hold(atoi(argument));
     if (what == "nest") return system((std::string(words[0]) + " hold " + argument).c_str());
     if (what == "start") return start(count - 2, words + 2);

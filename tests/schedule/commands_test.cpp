@@ -1,0 +1,187 @@
+// Commands of the schedule as processes: their streams, their names, their end.
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "scheduler.h"
+#include "support/failures.h"
+#include "support/replace.h"
+
+using namespace cm::test;
+using cm::platform::Process;
+using cm::platform::Table;
+using std::string;
+
+namespace {
+
+const string kChild = "\"" + child_program() + "\" ";
+
+// The children of this process that have not been reaped, where the system tells.
+string children() {
+    string all;
+    std::error_code none;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task", none)) {
+        std::ifstream file(task.path() / "children");
+        for (string id; file >> id;) all += id + " ";
+    }
+    return all;
+}
+
+struct Commands : testing::Test {
+    LeakCheck leaks;
+    Library library{"Trace Level = INFO\nTmp Directory = tmp"};
+    TempFolder &folder = library.folder();
+
+    void SetUp() override {
+        folder.make_folder("tmp");
+        scheduler_by_hand(library.ctx());
+    }
+    void TearDown() override {
+        library.stop();
+        EXPECT_EQ(children(), "");
+        EXPECT_EQ(leaks.outstanding(), 0u);
+    }
+    int16_t run(const string &command) {
+        return cm__cron_usertask(library, "task", reinterpret_cast<cm_value>(command.c_str()));
+    }
+};
+
+TEST_F(Commands, Outcomes) {
+#ifdef SIGPIPE
+    std::signal(SIGPIPE, SIG_IGN);
+#endif
+    const struct {
+        string command;
+        int16_t result;
+        Strings log;  // behind the heading
+    } rows[] = {{kChild + "print x", 1, {}},
+                {kChild + "exit 7", 1, {}},
+                {kChild + "error oops", 1, {"oops"}},
+                {kChild + "errors print one \"two words\"", 1, {"[one]", "[two words]"}},
+                {kChild + "errors echo", 1, {}},
+                {kChild + "errors descriptors", 1, {"3"}},
+                {kChild + "errors signals", 1, {"default"}},
+                {kChild + "errors folder", 1, {std::filesystem::canonical(folder.path()).generic_string()}},
+                {"no_such_program x", 0, {"ERROR: CRON failed (CreateProcess): no_such_program x [2]"}}};
+    for (const auto &row : rows) {
+        const size_t before = library.log().size();
+        EXPECT_EQ(run(row.command), row.result) << row.command;
+        Strings expected = row.log, log = library.log();
+        if (row.result == 1 && !expected.empty())
+            expected.insert(expected.begin(), "CRON " + row.command + " stderr...");
+        log.erase(log.begin(), log.begin() + static_cast<ptrdiff_t>(before));
+        EXPECT_EQ(log, expected);
+        EXPECT_EQ(folder.names("tmp"), Strings{});
+    }
+    EXPECT_EQ(cm__cron_usertask(library, "task", 0), 0);
+}
+
+// A socket that children connect to, so that their end shows.
+struct Listener {
+    Listener() {
+        uint32_t address = 0;
+        memcpy(&address, "\x7f\0\0\1", 4);
+        os.network_start();
+        EXPECT_EQ(os.socket_open(cm::platform::SocketKind::kStream, &socket), 0);
+        EXPECT_EQ(os.socket_bind(socket, address, 0) + os.socket_listen(socket, 5), 0);
+        EXPECT_EQ(os.socket_local(socket, &address, &port), 0);
+    }
+    ~Listener() { os.socket_close(socket); }
+    static bool wait(cm_socket one) {
+        cm::platform::WaitItem item = {one, false, false, false};
+        int32_t ready = 0;
+        return os.socket_wait(&item, 1, 20000, &ready) == 0 && ready == 1;
+    }
+    cm_socket accept() {
+        cm_socket peer = cm::platform::kNoSocket;
+        uint32_t address = 0;
+        int32_t peer_port = 0;
+        EXPECT_TRUE(wait(socket) && os.socket_accept(socket, &peer, &address, &peer_port) == 0);
+        return peer;
+    }
+    cm_socket socket = cm::platform::kNoSocket;
+    int32_t port = 0;
+};
+
+TEST_F(Commands, ATimeOutEndsTheWholeGroup) {
+    Listener listener;
+    const string command = kChild + "nest " + std::to_string(listener.port);
+    library.ctx()->sched_task_timeout = 1;
+    EXPECT_EQ(run(command), 0);
+    const cm_socket grandchild = listener.accept();
+    EXPECT_TRUE(Listener::wait(grandchild));  // its end of the connection is gone
+    os.socket_close(grandchild);
+    EXPECT_EQ(library.log().back(), "ERROR: CRON process timeout: " + command);
+    EXPECT_EQ(folder.names("tmp"), Strings{});
+}
+
+TEST(Running, CommandsEndWithTheLibrary) {
+    LeakCheck leaks;
+    Listener listener;
+    {
+        const string port = std::to_string(listener.port);
+        Library library("", [&](TempFolder &folder) {
+            folder.write("config/schedule.ini",
+                         "[startup]\na = " + kChild + "nest " + port + " &\nb = " + kChild + "hold " + port + "\n");
+        });
+        const cm_socket one = listener.accept(), other = listener.accept();
+        EXPECT_EQ(cm_cron_stop(library), 1);  // waits for neither
+        EXPECT_FALSE(library.logged_text("timeout"));
+        library.stop();
+        EXPECT_TRUE(Listener::wait(one) && Listener::wait(other));
+        EXPECT_FALSE(library.logged_text("ERROR: CRON"));
+        os.socket_close(one);
+        os.socket_close(other);
+    }
+    EXPECT_EQ(children(), "");
+    EXPECT_EQ(leaks.outstanding(), 0u);
+}
+
+TEST_F(Commands, NamesThatAreTakenAreNotTouched) {
+    uint64_t draw = 0, step = 0;  // number 1 each time
+    const Replace<&Table::random_bytes> numbers([&](void *out, size_t) {
+        memcpy(out, &draw, sizeof draw);
+        draw += step;
+        return true;
+    });
+    for (const string stream : {"iSTDIN", "oSTDOUT", "eSTDERR"})
+        for (const bool link : {false, true}) {
+            const string name = "tmp/Ctask" + stream.substr(0, 1) + "-1.txt";
+            std::error_code unable;
+            folder.write(link ? "victim" : name, "trap");
+            if (link) std::filesystem::create_symlink(folder.path("victim"), folder.path(name), unable);
+            if (unable) continue;  // no such links here
+            char path[1024];
+            cm_build_path(library, library.ctx()->tmp_dir, name.c_str() + 4, path, sizeof path, nullptr);
+            draw = step = 0;
+            EXPECT_EQ(run(kChild + "error x"), 0);
+            EXPECT_EQ(library.log().back(),
+                      "ERROR: cm__cron_usertask(" + stream.substr(1) + "): File open of '" + path + "' failed.");
+            step = 1;
+            EXPECT_EQ(run(kChild + "error x"), 1);  // the second draw is free
+            EXPECT_EQ(folder.read(name), "trap");
+            EXPECT_EQ(folder.names("tmp"), Strings{name.substr(4)});
+            folder.remove(name);
+        }
+    draw = step = 0;
+    const Replace<&Table::process_wait> swapped([&](Process *process, int32_t timeout, int32_t *code) {
+        const bool ended = cm::platform::kSystem.process_wait(process, timeout, code);
+        folder.write("tmp/other", "secret");
+        return os.path_rename(folder.path("tmp/other").c_str(), folder.path("tmp/Ctaske-1.txt").c_str()) == 0 && ended;
+    });
+    EXPECT_EQ(run(kChild + "error x"), 1);
+    EXPECT_FALSE(library.logged_text("secret"));
+}
+
+TEST_F(Commands, EveryFailure) {
+    int16_t result = 0;
+    each_failure(
+        Faults::kAllocations | Faults::kFiles | Faults::kEnvironment | Faults::kProcesses,
+        [&] { result = run(kChild + "error oops"); },
+        [&](bool failed) {
+            EXPECT_TRUE(failed || (result == 1 && folder.names("tmp").empty()));
+            for (const string &name : folder.names("tmp")) folder.remove("tmp/" + name);
+        });
+}
+
+}  // namespace
