@@ -6,6 +6,7 @@
 #include "scheduler.h"
 #include "support/failures.h"
 #include "support/replace.h"
+#include "support/sockets.h"
 
 using namespace cm::test;
 using cm::platform::Process;
@@ -76,62 +77,48 @@ TEST_F(Commands, Outcomes) {
     EXPECT_EQ(cm__cron_usertask(library, "task", 0), 0);
 }
 
-// A socket that children connect to, so that their end shows.
-struct Listener {
-    Listener() {
-        uint32_t address = 0;
-        memcpy(&address, "\x7f\0\0\1", 4);
-        os.network_start();
-        EXPECT_EQ(os.socket_open(cm::platform::SocketKind::kStream, &socket), 0);
-        EXPECT_EQ(os.socket_bind(socket, address, 0) + os.socket_listen(socket, 5), 0);
-        EXPECT_EQ(os.socket_local(socket, &address, &port), 0);
-    }
-    ~Listener() { os.socket_close(socket); }
-    static bool wait(cm_socket one) {
-        cm::platform::WaitItem item = {one, false, false, false};
-        int32_t ready = 0;
-        return os.socket_wait(&item, 1, 20000, &ready) == 0 && ready == 1;
-    }
-    cm_socket accept() {
-        cm_socket peer = cm::platform::kNoSocket;
-        uint32_t address = 0;
-        int32_t peer_port = 0;
-        EXPECT_TRUE(wait(socket) && os.socket_accept(socket, &peer, &address, &peer_port) == 0);
-        return peer;
-    }
-    cm_socket socket = cm::platform::kNoSocket;
+// The connection of a child, and whether the child has gone.
+cm_socket accepted(const BareSocket &listener) {
+    cm_socket peer = cm::platform::kNoSocket;
+    uint32_t address = 0;
     int32_t port = 0;
-};
+    EXPECT_TRUE(listener.readable(20000) && os.socket_accept(listener.socket(), &peer, &address, &port) == 0);
+    return peer;
+}
+bool has_gone(cm_socket peer) {
+    char byte;
+    size_t got = 0;
+    os.socket_receive(peer, &byte, 1, false, &got);  // until the connection ends
+    os.socket_close(peer);
+    return got == 0;
+}
 
 TEST_F(Commands, ATimeOutEndsTheWholeGroup) {
-    Listener listener;
-    const string command = kChild + "nest " + std::to_string(listener.port);
+    const BareSocket listener;
+    os.socket_listen(listener.socket(), 5);
+    const string command = kChild + "nest " + std::to_string(listener.port());
     library.ctx()->sched_task_timeout = 1;
     EXPECT_EQ(run(command), 0);
-    const cm_socket grandchild = listener.accept();
-    EXPECT_TRUE(Listener::wait(grandchild));  // its end of the connection is gone
-    os.socket_close(grandchild);
+    EXPECT_TRUE(has_gone(accepted(listener)));  // the grandchild
     EXPECT_EQ(library.log().back(), "ERROR: CRON process timeout: " + command);
     EXPECT_EQ(folder.names("tmp"), Strings{});
 }
 
 TEST(Running, CommandsEndWithTheLibrary) {
     LeakCheck leaks;
-    Listener listener;
     {
-        const string port = std::to_string(listener.port);
+        const BareSocket listener;
+        os.socket_listen(listener.socket(), 5);
+        const string port = std::to_string(listener.port());
         Library library("", [&](TempFolder &folder) {
             folder.write("config/schedule.ini",
                          "[startup]\na = " + kChild + "nest " + port + " &\nb = " + kChild + "hold " + port + "\n");
         });
-        const cm_socket one = listener.accept(), other = listener.accept();
+        const cm_socket one = accepted(listener), other = accepted(listener);
         EXPECT_EQ(cm_cron_stop(library), 1);  // waits for neither
-        EXPECT_FALSE(library.logged_text("timeout"));
         library.stop();
-        EXPECT_TRUE(Listener::wait(one) && Listener::wait(other));
+        EXPECT_TRUE(has_gone(one) && has_gone(other));
         EXPECT_FALSE(library.logged_text("ERROR: CRON"));
-        os.socket_close(one);
-        os.socket_close(other);
     }
     EXPECT_EQ(children(), "");
     EXPECT_EQ(leaks.outstanding(), 0u);

@@ -50,18 +50,20 @@ int count_descriptors() {
 int print_descriptors() {
     void *kernel = kSystem.library_open("kernel32.dll");
     void *symbol = kernel == nullptr ? nullptr : kSystem.library_symbol(kernel, "GetHandleInformation");
-    printf("%d\n", symbol == nullptr ? count_descriptors()
-                                     : count_inherited(reinterpret_cast<int (*)(void *, unsigned long *)>(symbol)));
+    fprintf(out, "%d\n",
+            symbol == nullptr ? count_descriptors()
+                              : count_inherited(reinterpret_cast<int (*)(void *, unsigned long *)>(symbol)));
     return 0;
 }
 
 int print_signals() {
     std::ifstream status("/proc/self/status");
-    std::string field, mask, odd;
+    std::string field, mask;
+    unsigned long long odd = 0;
     while (status >> field)
-        if ((field == "SigBlk:" || field == "SigIgn:") && status >> mask && mask.find_first_not_of('0') != mask.npos)
-            odd += field + mask;
-    return fprintf(out, "%s\n", odd.empty() ? "default" : odd.c_str()) < 0;
+        if ((field == "SigBlk:" || field == "SigIgn:") && status >> mask)
+            odd |= strtoull(mask.c_str(), nullptr, 16) & 0x7FFFFFFF;  // without those of the C library
+    return fprintf(out, odd == 0 ? "default\n" : "%llx\n", odd) < 0;
 }
 
 int hold(int port) {
