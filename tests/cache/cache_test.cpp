@@ -35,7 +35,7 @@ const std::map<string, int32_t> kModes = {{"any", kAny},
 std::atomic<int> pages_freed;
 void CM_CALL free_page(void *data) {
     pages_freed++;
-    free(data);
+    delete static_cast<string *>(data);
 }
 
 // The steps that data/steps.txt tells about; each gives a text.
@@ -85,12 +85,12 @@ protected:
                  cm_cache_rec *entry = nullptr;
                  void *data = nullptr;
                  if (cm_cache_getasp(library, path, &data, &entry) == 0) return "-";
-                 const string text = static_cast<char *>(data);
+                 const string text = *static_cast<string *>(data);
                  return cm_cache_freeasp(library, entry), text;
              }},
             {"setpage", [&] { return set_page(path, third, stoi(words.back()), nullptr); }},
             {"holdpage", [&] { return set_page(path, third, stoi(words.back()), &page_); }},
-            {"heldpage", [&] { return static_cast<char *>(page_->data); }},
+            {"heldpage", [&] { return *static_cast<string *>(page_->data); }},
             {"droppage", [&] { return to_string(cm_cache_freeasp(library, page_)); }},
             {"freed", [&] { return to_string(pages_freed); }},
             {"setaddr", [&] { return to_string(cm_cache_setaddr(library, name.c_str(), 1, 2, 3)); }},
@@ -167,9 +167,9 @@ private:
         return text;
     }
     string set_page(const char *path, const string &text, int32_t size, cm_cache_rec **held) {
-        char *data = strdup(text.c_str());
+        auto *data = new string(text);
         const int16_t taken = cm_cache_setasp(library, path, data, size, free_page, held);
-        if (taken == 0) free(data);
+        if (taken == 0) delete data;
         return to_string(taken);
     }
     string set(const string &field, int32_t value) {

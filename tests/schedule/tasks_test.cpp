@@ -211,7 +211,7 @@ TEST_F(Tasks, TheThreadWorksEveryTenthWakeUp) {
     EXPECT_EQ(library.ctx()->cron, nullptr);
     EXPECT_TRUE(library.logged("INFO:  CRON Scheduler signaled to shutdown..."));
     EXPECT_EQ(cm_cron_stop(library), 1);  // nothing to do
-    until([&] {  // it ends without its six seconds
+    until([&] {                           // it ends without its six seconds
         const cm::MutexGuard guard(library.ctx()->thread_mutex);
         return library.ctx()->thread_table->entries < threads;
     });
