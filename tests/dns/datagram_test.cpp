@@ -25,7 +25,7 @@ TEST_F(Datagrams, AreSentAndTraced) {
     ASSERT_EQ(cm_net_trace(world_.lib, CM_NTRACE_STREAM), 1);
     ASSERT_EQ(cm_net_dnssendto(world_.net, here, peer_.port(), "hello", CM_LEN_TEXT, &conn), 1);
     EXPECT_EQ(peer_.receive(), "hello");
-    peer_.send("back", peer_.from_address, peer_.from_port);
+    peer_.send("back", peer_.from_port);
     EXPECT_EQ(receive(conn), "back");
     cm_conn *const first = conn;
     ASSERT_EQ(cm_net_dnssendto(world_.net, here, peer_.port(), "xyz", 2, &conn), 1);
@@ -79,13 +79,13 @@ TEST_F(Datagrams, AreTakenFromThePeerOrFromAnybody) {
     Udp neighbour, stranger("127.0.0.2");
     ASSERT_EQ(cm_net_dnssendto(world_.net, here, peer_.port(), "?", 1, &conn), 1);
     peer_.receive();
-    neighbour.send("neighbour", here, peer_.from_port);
-    stranger.send("stranger", here, peer_.from_port);
-    peer_.send(string(200, 'x'), here, peer_.from_port);
-    peer_.send("peer", here, peer_.from_port);
+    neighbour.send("neighbour", peer_.from_port);
+    stranger.send("stranger", peer_.from_port);
+    peer_.send(string(200, 'x'), peer_.from_port);
+    peer_.send("peer", peer_.from_port);
     EXPECT_EQ(receive(conn), "peer");
-    stranger.send("stranger", here, peer_.from_port);
-    peer_.send(string(200, 'x'), here, peer_.from_port);
+    stranger.send("stranger", peer_.from_port);
+    peer_.send(string(200, 'x'), peer_.from_port);
     char buffer[100];
     int32_t count = 0, port = 0;
     uint32_t address = 0;
@@ -98,7 +98,7 @@ TEST_F(Datagrams, AreTakenFromThePeerOrFromAnybody) {
     EXPECT_TRUE(closed(conn));
     cm_net_close(world_.net, conn, 0);
     ASSERT_EQ(cm_net_listenu(world_.net, "127.0.0.1", 0, &listener), 1);
-    peer_.send("anybody", here, static_cast<int32_t>(listener->peer_port));
+    peer_.send("anybody", listener->peer_port);
     ASSERT_EQ(cm_net_recvfrom(world_.net, listener, buffer, sizeof buffer, 1, &count, nullptr, nullptr), 1);
     EXPECT_EQ(count, 7);
 }

@@ -7,36 +7,11 @@ namespace {
 
 // What a hosts file gives for a name, nobody else being asked.
 TEST(Hosts, AreReadLineByLine) {
-    struct {
-        const char *what, *content, *name, *found;
-        bool wildcards;
-    } const rows[] = {
-        {"a line", "10.0.0.1 host\n", "host", "10.0.0.1", false},
-        {"no case", "10.0.0.1 Some.Host\n", "sOME.hOST", "10.0.0.1", false},
-        {"the whole name", "10.0.0.1 hos\n10.0.0.2 hosts\n", "host", "", false},
-        {"several names", "10.0.0.1 a b\tc host\n", "host", "10.0.0.1", false},
-        {"the first of two lines", "10.0.0.1 host\n10.0.0.2 host\n", "host", "10.0.0.1", false},
-        {"remarks and blank lines", "# 10.0.0.9 host\n \t\n  # x\n  10.0.0.1   host\n", "host", "10.0.0.1", false},
-        {"nothing behind an empty line", "10.0.0.2 other\n\n10.0.0.1 host\n", "host", "", false},
-        {"an empty line of the other kind", "\r\n10.0.0.1 host\r\n", "host", "", false},
-        {"line ends of the other kind", "10.0.0.9 other\r\n10.0.0.1 host\r\n", "host", "10.0.0.1", false},
-        {"no line end", "10.0.0.1 host", "host", "10.0.0.1", false},
-        {"a remark behind names is names", "10.0.0.1 a # host\n", "host", "10.0.0.1", false},
-        {"no address first", "::1 host\n10.0.0 host\n10.0.0.256 host\nhost 10.0.0.1\n10.0.0.1x host\n10.0.0.2 host\n",
-         "host", "10.0.0.2", false},
-        {"no patterns without the setting", "10.0.0.1 *\n", "host", "", false},
-        {"a pattern", "10.0.0.1 *.some.*\n10.0.0.2 *\n", "www.SOME.host", "10.0.0.1", true},
-        {"another", "10.0.0.1 h?st\n", "host", "10.0.0.1", true},
-        {"a pattern has no special cases", "10.0.0.1 *.*\n10.0.0.2 *\n", "host", "10.0.0.2", true},
-        {"nor here", "10.0.0.1 *.*\n", "some.host", "10.0.0.1", true},
-        {"a name among patterns", "10.0.0.1 HOST\n", "host", "10.0.0.1", true},
-        {"a file of nothing", "", "host", "", false},
-    };
     World world("");
-    for (const auto &row : rows) {
-        world.hosts(row.content);
-        world.lib.ctx()->dns->flags = row.wildcards ? CM_DNS_WILDCARDS : 0;
-        EXPECT_EQ(world.addresses(row.name, false, true), row.found) << row.what;
+    for (const Row &row : rows("dns/hosts")) {
+        world.hosts(row[1]);
+        world.lib.ctx()->dns->flags = row.number(4) != 0 ? CM_DNS_WILDCARDS : 0;
+        EXPECT_EQ(world.addresses(row.text(2), false, true), row[3]) << row.where;
     }
     world.lib.folder().remove("config/hosts");
     EXPECT_EQ(world.addresses("host", false, true), "");
@@ -59,13 +34,12 @@ TEST(Hosts, LongLinesAndNamesAreCut) {
 // A file without a line is not read again until it looks different; one that changed just now is.
 TEST(Hosts, FilesOfNothingAreNotReadAgain) {
     World world("");
-    static int opened;
-    static decltype(os.file_open) real;
-    real = os.file_open;
-    os.file_open = [](const char *path, int32_t flags, int32_t *out) {
+    int opened = 0;
+    const auto real = os.file_open;
+    const Replace<&Table::file_open> open([&](const char *path, int32_t flags, int32_t *out) {
         opened += string(path).ends_with("/hosts");
         return real(path, flags, out);
-    };
+    });
     const auto opens = [&] {
         opened = 0;
         EXPECT_EQ(world.addresses("host", false, true), "");
@@ -82,7 +56,6 @@ TEST(Hosts, FilesOfNothingAreNotReadAgain) {
     EXPECT_EQ(world.addresses("host", false, true), "10.0.0.1");
     world.hosts("10.0.0.1 other\n");
     EXPECT_EQ(opens(), 2);
-    os.file_open = real;
 }
 
 TEST(Hosts, NameAddressesToo) {
@@ -126,25 +99,21 @@ TEST(Sources, HookThenServerOrSystem) {
     EXPECT_EQ(world.addresses("hooked", false, true), "10.0.0.7");
     EXPECT_EQ(world.addresses("other", false, true), "");
     EXPECT_EQ(asked, 2);
-    os.host_by_name = [](const char *name, uint32_t out[4], int32_t *count) -> cm::platform::Error {
+    const Replace<&Table::host_by_name> by_name([](const char *name, uint32_t out[4], int32_t *count) -> Error {
         for (uint32_t i = 0; i < 4; i++) out[i] = address_of("10.0.1.1");
         *count = string(name) == "two" ? 2 : 9;
         return 0;
-    };
+    });
     EXPECT_EQ(world.addresses("two", false), "10.0.1.1 10.0.1.1");
     EXPECT_EQ(world.addresses("many", false), "10.0.1.1 10.0.1.1 10.0.1.1 10.0.1.1");
-    os.host_by_address = [](uint32_t, char *out, size_t size) -> cm::platform::Error {
-        cm_strncpy(out, string(61, 'n').c_str(), static_cast<int32_t>(size));
+    string name(61, 'n');
+    const Replace<&Table::host_by_address> by_address([&](uint32_t, char *out, size_t size) -> Error {
+        cm_strncpy(out, name.c_str(), static_cast<int32_t>(size));
         return 0;
-    };
+    });
     EXPECT_EQ(world.name("10.0.0.9", false), string(60, 'n'));
-    os.host_by_address = [](uint32_t, char *out, size_t size) -> cm::platform::Error {
-        cm_strncpy(out, "bad\nname", static_cast<int32_t>(size));
-        return 0;
-    };
+    name = "bad\nname";
     EXPECT_EQ(world.name("10.0.0.9", false), "");
-    os.host_by_name = cm::platform::kSystem.host_by_name;
-    os.host_by_address = cm::platform::kSystem.host_by_address;
 }
 
 TEST(Sources, TheCacheKeepsThreeAddresses) {

@@ -1,32 +1,17 @@
 // Messages put together by hand, for the tests of this folder.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <string>
-#include <string_view>
-#include <vector>
-
-#include "net/address.h"
 #include "net/dns_message.h"
+#include "support/data.h"
+#include "support/failures.h"
+#include "support/replace.h"
+#include "support/sockets.h"
 
 namespace cm::test {
 
+using platform::Error;
+using platform::Table;
 using std::string;
-using Strings = std::vector<string>;
-
-inline uint32_t address_of(const char *dotted) {
-    uint32_t address = 0;
-    EXPECT_TRUE(net::parse_dotted(dotted, &address)) << dotted;
-    return address;
-}
-
-inline string dotted(uint32_t address) {
-    char text[net::kDottedSize];
-    net::format_dotted(address, text);
-    return text;
-}
 
 // ---- messages -------------------------------------------------------------------------------------------------------
 

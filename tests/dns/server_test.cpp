@@ -15,7 +15,7 @@ protected:
 
     // A request as the accept loop hands it out.
     cm_conn *request(const string &bytes) {
-        client_.send(bytes, address_of("127.0.0.1"), static_cast<int32_t>(listener_->peer_port));
+        client_.send(bytes, listener_->peer_port);
         cm_conn *conn = nullptr;
         EXPECT_EQ(cm_net_accept(world_.net, listener_, 0, &conn), 1);
         return conn;
@@ -163,22 +163,16 @@ TEST_F(Server, RepliesOverConnections) {
     world_.hosts("10.0.0.1 host\n");
     cm_conn *stream = nullptr, *conn = nullptr;
     ASSERT_EQ(cm_net_listen(world_.net, "127.0.0.1", 0, 5, 20, 0, &stream), 1);
-    cm_socket client = cm::platform::kNoSocket;
-    ASSERT_EQ(os.socket_open(cm::platform::SocketKind::kStream, &client), 0);
-    ASSERT_EQ(os.socket_connect(client, address_of("127.0.0.1"), static_cast<int32_t>(stream->peer_port)), 0);
+    Peer client(stream->peer_port);
     ASSERT_EQ(cm_net_accept(world_.net, stream, 0, &conn), 1);
     const string query = query_of("host", 1);
     memcpy(conn->in_buf, query.data(), query.size());
     conn->in_count = static_cast<int32_t>(query.size());
     EXPECT_EQ(cm_dns_localrecord(world_.lib, world_.net, stream, conn), 1);
     EXPECT_EQ(cm_dns_failure(world_.lib, world_.net, stream, conn, 0), 1);
-    string all;
-    char piece[512];
-    for (size_t got = 0; all.size() < 2 + query.size() + 16 + 12; all.append(piece, got))
-        ASSERT_EQ(os.socket_receive(client, piece, sizeof piece, false, &got), 0);
+    const string all = client.receive(2 + query.size() + 16 + 12);
     EXPECT_EQ(all.substr(0, 4), be16(static_cast<uint32_t>(query.size()) + 16) + be16(0x1234));
     EXPECT_EQ(all.substr(2 + query.size() + 16), be16(0x1234) + be16(0x0102) + string(8, '\0'));
-    os.socket_close(client);
 }
 
 TEST_F(Server, EveryFailureOnTheWayIsSurvived) {

@@ -1,62 +1,14 @@
 // A resolver with a name server of the test's making on the loopback network.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <functional>
-#include <string>
-#include <string_view>
-#include <vector>
 
 #include "core/relaxed.h"
 #include "messages.h"
 #include "net/cmdns.h"
 #include "net/cmnet.h"
-#include "support/support.h"
 
 namespace cm::test {
-
-using platform::os;
-
-// ---- sockets --------------------------------------------------------------------------------------------------------
-
-class Udp {
-public:
-    explicit Udp(const char *address = "127.0.0.1") {
-        EXPECT_EQ(os.socket_open(platform::SocketKind::kDatagram, &socket_), 0);
-        EXPECT_EQ(os.socket_option(socket_, platform::SocketOption::kIgnorePortUnreachable, 1), 0);
-        EXPECT_EQ(os.socket_bind(socket_, address_of(address), 0), 0);
-        uint32_t bound = 0;
-        EXPECT_EQ(os.socket_local(socket_, &bound, &port_), 0);
-    }
-    ~Udp() { os.socket_close(socket_); }
-    Udp(const Udp &) = delete;
-    Udp &operator=(const Udp &) = delete;
-
-    int32_t port() const { return port_; }
-    void send(const string &data, uint32_t address, int32_t port) {
-        EXPECT_EQ(platform::kSystem.socket_send_to(socket_, address, port, data.data(), data.size()), 0);
-    }
-    // "(none)" when nothing comes within `seconds`.
-    string receive(int seconds = 20) {
-        platform::WaitItem item = {socket_, false, false, false};
-        int32_t ready = 0;
-        char data[4096];
-        size_t count = 0;
-        if (platform::kSystem.socket_wait(&item, 1, seconds * 1000, &ready) != 0 || ready == 0) return "(none)";
-        if (platform::kSystem.socket_receive_from(socket_, data, sizeof data, true, &count, &from_address,
-                                                  &from_port) != 0)
-            return "(none)";
-        return {data, count};
-    }
-
-    uint32_t from_address = 0;  // of what was received last
-    int32_t from_port = 0;
-
-private:
-    cm_socket socket_ = platform::kNoSocket;
-    int32_t port_ = 0;
-};
 
 // A server of names that answers inside the client's own calls, so that nothing depends on timing: a query is served
 // when it is sent, and a wait that finds nothing moves the clock to its end.
@@ -69,26 +21,12 @@ public:
         int64_t at_ms;  // since the script began
     };
 
-    Script() {
-        start_ms_ = os.monotonic_ms();
-        self() = this;
-        port_before_ = dns::server_port;
-        dns::server_port = server.port();
-        wait_ = os.socket_wait;
-        send_ = os.socket_send_to;
-        os.socket_wait = wait;
-        os.socket_send_to = send;
-    }
-    ~Script() {
-        os.socket_wait = wait_;
-        os.socket_send_to = send_;
-        dns::server_port = port_before_;
-        self() = nullptr;
-    }
+    Script() { dns::server_port = server.port(); }
+    ~Script() { dns::server_port = port_before_; }
     Script(const Script &) = delete;
     Script &operator=(const Script &) = delete;
 
-    void reply(const string &data) { server.send(data, client_address, client_port); }
+    void reply(const string &data) { server.send(data, client_port, client_address); }
 
     Udp server;
     std::function<void(const string &query)> serve;  // a query has come
@@ -101,37 +39,32 @@ public:
     int64_t elapsed_ms() const { return os.monotonic_ms() - start_ms_; }
 
 private:
-    static Script *&self() {
-        static Script *script;
-        return script;
-    }
-    static platform::Error wait(platform::WaitItem *items, int32_t count, int32_t timeout_ms, int32_t *out_ready) {
+    Error wait(platform::WaitItem *items, int32_t count, int32_t timeout_ms, int32_t *out_ready) {
         for (;;) {
-            const platform::Error error = self()->wait_(items, count, 0, out_ready);
+            const Error error = wait_.real(items, count, 0, out_ready);
             if (error != 0 || *out_ready > 0 || timeout_ms == 0) return error;
-            if (self()->idle && self()->idle()) continue;
-            if (timeout_ms > 0) self()->advance(timeout_ms);
+            if (idle && idle()) continue;
+            if (timeout_ms > 0) advance(timeout_ms);
             return 0;
         }
     }
-    static platform::Error send(cm_socket socket, uint32_t address, int32_t port, const void *data, size_t length) {
-        Script &script = *self();
-        // Every server's address is the one server, so that a test may have several.
-        const platform::Error error =
-            script.send_(socket, port == script.server.port() ? address_of("127.0.0.1") : address, port, data, length);
-        if (error != 0 || port != script.server.port()) return error;
-        const string query = script.server.receive();
-        script.client_address = script.server.from_address;
-        script.client_port = script.server.from_port;
-        script.queries.push_back({query, address, script.client_port, script.elapsed_ms()});
-        if (script.serve) script.serve(query);
+    // Every server's address is the one server, so that a test may have several.
+    Error send(cm_socket socket, uint32_t address, int32_t port, const void *data, size_t length) {
+        const bool here = port == server.port();
+        const Error error = send_.real(socket, here ? address_of("127.0.0.1") : address, port, data, length);
+        if (error != 0 || !here) return error;
+        const string query = server.receive();
+        client_address = server.from_address;
+        client_port = server.from_port;
+        queries.push_back({query, address, client_port, elapsed_ms()});
+        if (serve) serve(query);
         return 0;
     }
 
-    int64_t start_ms_ = 0;
-    int32_t port_before_ = 0;
-    decltype(os.socket_wait) wait_;
-    decltype(os.socket_send_to) send_;
+    const int64_t start_ms_ = os.monotonic_ms();
+    const int32_t port_before_ = dns::server_port;
+    const Replace<&Table::socket_wait> wait_{[this](auto... arguments) { return wait(arguments...); }};
+    const Replace<&Table::socket_send_to> send_{[this](auto... arguments) { return send(arguments...); }};
 };
 
 // ---- a started library ----------------------------------------------------------------------------------------------
