@@ -1,8 +1,8 @@
 // Winsock 2.2, IPv4.  Its error numbers are the contract's.
 //
 // The system tells neither whether a socket blocks nor whether it was shut down from here, and a shutdown wakes nobody,
-// so each socket has some marks of ours.  A call on a blocking socket that may take long waits in socket_wait first,
-// where an asked thread and a shutdown are noticed.
+// so each socket has some marks of ours.  A call on a blocking socket that may take long is carried on by the system
+// while we wait, so that an asked thread and a shutdown end the wait.
 #include "win32.h"
 
 #include <mstcpip.h>
@@ -28,7 +28,7 @@ Error net_error() {
 
 // By number; sockets are small multiples of four.  One beyond the table has no marks: it blocks, and a wait for it
 // notes a shutdown when its slice is over.
-enum Mark : uint8_t { kNonBlocking = 1, kConnecting = 2, kShut = 4 };
+enum Mark : uint8_t { kNonBlocking = 1, kConnecting = 2, kShut = 4, kDatagram = 8, kFailed = 16 };
 constexpr size_t kMarked = 1 << 16;
 uint8_t marks[kMarked];
 
@@ -53,6 +53,11 @@ void set_mark(cm_socket socket, Mark mark, bool on) {
 
 void clear_marks(cm_socket socket) {
     if (uint8_t *own = marks_of(socket)) __atomic_store_n(own, 0, __ATOMIC_SEQ_CST);
+}
+
+// Some implementations tell a stream's error only once, here to the wait: the next receive looks like an orderly end.
+void note_failure(cm_socket socket) {
+    if (!has_mark(socket, kDatagram)) set_mark(socket, kFailed, true);
 }
 
 // ---- small things ---------------------------------------------------------------------------------------------------
@@ -120,6 +125,7 @@ private:
             if ((found & POLLNVAL) != 0) return CM_ENOTSOCK;
             items_[i].ready = found != 0;
             items_[i].failed = (found & POLLERR) != 0;
+            if (items_[i].failed) note_failure(items_[i].socket);
             *out_ready += items_[i].ready ? 1 : 0;
         }
         return 0;
@@ -169,26 +175,97 @@ int32_t count_shut(WaitItem *items, int32_t count) {
     return shut;
 }
 
-// Until a blocking socket has something to take.
-Error wait_to_receive(cm_socket socket) {
-    if (has_mark(socket, kNonBlocking)) return 0;
+Error timeout_of(cm_socket socket, int option, int32_t *out_ms) {
     DWORD limit = 0;
-    int length = sizeof limit, ready = 0;
-    if (getsockopt(native(socket), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&limit), &length) != 0)
+    int length = sizeof limit;
+    if (getsockopt(native(socket), SOL_SOCKET, option, reinterpret_cast<char *>(&limit), &length) != 0)
         return net_error();
-    WaitItem item = {socket, false, false, false};
-    const int32_t timeout_ms = limit == 0 || limit > INT32_MAX ? kForever : static_cast<int32_t>(limit);
-    if (const Error error = socket_wait(&item, 1, timeout_ms, &ready); error != 0) return error;
-    return ready == 0 ? CM_ETIMEDOUT : 0;
+    *out_ms = limit == 0 || limit > INT32_MAX ? kForever : static_cast<int32_t>(limit);
+    return 0;
 }
 
-// Nothing when there is something to take now.
-Error check_readable(cm_socket socket) {
-    if (has_mark(socket, kNonBlocking)) return 0;
-    WaitItem item = {socket, false, false, false};
-    int32_t ready = 0;
-    if (const Error error = Round(&item, 1, nullptr).wait(0, &ready); error != 0) return error;
-    return ready == 0 ? CM_EWOULDBLOCK : 0;
+// ---- calls that may take long ---------------------------------------------------------------------------------------
+
+// Events of ended calls, for the next ones.
+HANDLE spare_events[16];
+
+HANDLE take_event() {
+    for (HANDLE &spare : spare_events)
+        if (const HANDLE event = __atomic_exchange_n(&spare, nullptr, __ATOMIC_SEQ_CST)) return event;
+    return CreateEventW(nullptr, TRUE, FALSE, nullptr);
+}
+
+void give_event(HANDLE event) {
+    for (HANDLE &spare : spare_events) {
+        HANDLE none = nullptr;
+        if (__atomic_compare_exchange_n(&spare, &none, event, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) return;
+    }
+    CloseHandle(event);
+}
+
+// A call that the system carries on by itself, so that waiting for its end can be broken off: by a time-out, by an
+// asked thread, and by a shutdown, which cancels it.
+class Carried {
+public:
+    Carried(cm_socket socket, int timeout_option, bool may_wait)
+        : socket_(socket), timeout_option_(timeout_option), may_wait_(may_wait) {
+        if (!has_mark(socket, kNonBlocking)) overlapped_.hEvent = take_event();
+    }
+    ~Carried() {
+        if (overlapped_.hEvent != nullptr) give_event(overlapped_.hEvent);
+    }
+    Carried(const Carried &) = delete;
+    Carried &operator=(const Carried &) = delete;
+
+    // Null for a socket that does not block.
+    OVERLAPPED *record() { return overlapped_.hEvent != nullptr ? &overlapped_ : nullptr; }
+
+    // `result` is what the call gave and `*count` what it moved.
+    Error finish(int result, DWORD *count) {
+        if (result == 0) return 0;
+        if (const Error error = net_error(); error != WSA_IO_PENDING) return error;
+        const Error why = may_wait_ ? wait() : CM_EWOULDBLOCK;
+        if (why != 0) CancelIoEx(reinterpret_cast<HANDLE>(socket_), &overlapped_);
+        DWORD flags = 0;
+        if (WSAGetOverlappedResult(native(socket_), &overlapped_, count, TRUE, &flags)) return 0;
+        const Error error = net_error();
+        if (error != WSA_OPERATION_ABORTED) return error;
+        return why != 0 ? why : CM_ESHUTDOWN;
+    }
+
+private:
+    // Why the call is to be cancelled, or nothing when it has ended.
+    Error wait() {
+        int32_t limit_ms = kForever;
+        if (const Error error = timeout_of(socket_, timeout_option_, &limit_ms); error != 0) return error;
+        const Thread *thread = self();
+        const HANDLE handles[] = {overlapped_.hEvent, thread != nullptr ? thread->ask : nullptr};
+        const DWORD limit = limit_ms < 0 ? INFINITE : static_cast<DWORD>(limit_ms);
+        switch (WaitForMultipleObjects(thread != nullptr ? 2 : 1, handles, FALSE, limit)) {
+            case WAIT_OBJECT_0:
+                return 0;
+            case WAIT_OBJECT_0 + 1:
+                return CM_EINTR;
+            case WAIT_TIMEOUT:
+                return CM_ETIMEDOUT;
+            default:
+                return last_error();
+        }
+    }
+
+    const cm_socket socket_;
+    const int timeout_option_;
+    const bool may_wait_;
+    OVERLAPPED overlapped_ = {};
+};
+
+Error wait_to_accept(cm_socket listener) {
+    if (has_mark(listener, kNonBlocking)) return 0;
+    WaitItem item = {listener, false, false, false};
+    int32_t timeout_ms = kForever, ready = 0;
+    if (const Error error = timeout_of(listener, SO_RCVTIMEO, &timeout_ms); error != 0) return error;
+    if (const Error error = socket_wait(&item, 1, timeout_ms, &ready); error != 0) return error;
+    return ready == 0 ? CM_ETIMEDOUT : 0;
 }
 
 }  // namespace
@@ -243,6 +320,7 @@ Error socket_open(SocketKind kind, cm_socket *out_socket) {
     if (made == INVALID_SOCKET) return net_error();
     *out_socket = static_cast<cm_socket>(made);
     clear_marks(*out_socket);
+    set_mark(*out_socket, kDatagram, !stream);
     return 0;
 }
 
@@ -270,7 +348,7 @@ Error socket_listen(cm_socket socket, int32_t backlog) {
 Error socket_accept(cm_socket listener, cm_socket *out_socket, uint32_t *out_address, int32_t *out_port) {
     sockaddr_in peer = {};
     int length = sizeof peer;
-    if (const Error error = wait_to_receive(listener); error != 0) return error;
+    if (const Error error = wait_to_accept(listener); error != 0) return error;
     const SOCKET made = accept(native(listener), reinterpret_cast<sockaddr *>(&peer), &length);
     if (made == INVALID_SOCKET) return net_error();
     u_long blocking = 0;  // inherited from the listener
@@ -344,12 +422,11 @@ Error socket_option(cm_socket socket, SocketOption option, int32_t value) {
             return set_option(socket, IPPROTO_TCP, TCP_NODELAY, value != 0);
         case SocketOption::kBroadcast:
             return set_option(socket, SOL_SOCKET, SO_BROADCAST, value != 0);
+        case SocketOption::kUnackedTimeout:  // the nearest there is: unacknowledged data ends in no room for more
         case SocketOption::kSendTimeout:
             return set_option(socket, SOL_SOCKET, SO_SNDTIMEO, static_cast<DWORD>(value));
         case SocketOption::kReceiveTimeout:
             return set_option(socket, SOL_SOCKET, SO_RCVTIMEO, static_cast<DWORD>(value));
-        case SocketOption::kUnackedTimeout:
-            return 0;
         case SocketOption::kIgnorePortUnreachable: {
             BOOL report = value == 0;
             DWORD returned = 0;
@@ -371,18 +448,22 @@ Error socket_raw_option(cm_socket socket, int32_t level, int32_t option, const v
     return setsockopt(native(socket), level, option, static_cast<const char *>(value), length) == 0 ? 0 : net_error();
 }
 
+// Not more at a time than a peer that reads at all takes within the time-out.
 Error socket_send(cm_socket socket, const Slice *slices, int32_t count, bool more_follows, size_t *out_count) {
     constexpr int32_t kMost = 16;
     WSABUF buffers[kMost];
-    const DWORD used = static_cast<DWORD>(count > kMost ? kMost : count);
-    for (DWORD i = 0; i < used; i++) {
-        buffers[i].buf = static_cast<char *>(const_cast<void *>(slices[i].data));
-        buffers[i].len = static_cast<ULONG>(clipped(slices[i].length));
+    size_t room = 64 << 10;
+    DWORD used = 0;
+    for (int32_t i = 0; i < count && i < kMost && room > 0; i++) {
+        const size_t length = slices[i].length < room ? slices[i].length : room;
+        buffers[used++] = {static_cast<ULONG>(length), static_cast<char *>(const_cast<void *>(slices[i].data))};
+        room -= length;
     }
     DWORD sent = 0;
-    if (WSASend(native(socket), buffers, used, &sent, 0, nullptr, nullptr) != 0) return net_error();
-    *out_count = sent;
-    return 0;
+    Carried call(socket, SO_SNDTIMEO, true);
+    const Error error = call.finish(WSASend(native(socket), buffers, used, &sent, 0, call.record(), nullptr), &sent);
+    if (error == 0) *out_count = sent;
+    return error;
 }
 
 // The system's own call needs a wait of its own that could not be ended; the caller sends pieces.
@@ -391,11 +472,13 @@ Error socket_send_file(cm_socket socket, int32_t descriptor, int64_t offset, siz
 }
 
 Error socket_receive(cm_socket socket, void *buffer, size_t size, bool only_what_is_there, size_t *out_count) {
-    const Error error = only_what_is_there ? check_readable(socket) : wait_to_receive(socket);
+    WSABUF room = {static_cast<ULONG>(clipped(size)), static_cast<char *>(buffer)};
+    DWORD got = 0, flags = 0;
+    Carried call(socket, SO_RCVTIMEO, !only_what_is_there);
+    const Error error = call.finish(WSARecv(native(socket), &room, 1, &got, &flags, call.record(), nullptr), &got);
     if (error != 0) return error;
-    const int got = recv(native(socket), static_cast<char *>(buffer), clipped(size), 0);
-    if (got < 0) return net_error();
-    *out_count = static_cast<size_t>(got);
+    if (got == 0 && size > 0 && has_mark(socket, kFailed)) return CM_ECONNRESET;
+    *out_count = got;
     return 0;
 }
 
@@ -409,14 +492,15 @@ Error socket_send_to(cm_socket socket, uint32_t address, int32_t port, const voi
 
 Error socket_receive_from(cm_socket socket, void *buffer, size_t size, bool only_what_is_there, size_t *out_count,
                           uint32_t *out_address, int32_t *out_port) {
-    const Error error = only_what_is_there ? check_readable(socket) : wait_to_receive(socket);
-    if (error != 0) return error;
     sockaddr_in peer = {};
     int length = sizeof peer;
-    const int got = recvfrom(native(socket), static_cast<char *>(buffer), clipped(size), 0,
-                             reinterpret_cast<sockaddr *>(&peer), &length);
-    if (got < 0) return net_error();
-    *out_count = static_cast<size_t>(got);
+    WSABUF room = {static_cast<ULONG>(clipped(size)), static_cast<char *>(buffer)};
+    DWORD got = 0, flags = 0;
+    Carried call(socket, SO_RCVTIMEO, !only_what_is_there);
+    const int result = WSARecvFrom(native(socket), &room, 1, &got, &flags, reinterpret_cast<sockaddr *>(&peer), &length,
+                                   call.record(), nullptr);
+    if (const Error error = call.finish(result, &got); error != 0) return error;
+    *out_count = got;
     if (out_address != nullptr) *out_address = peer.sin_addr.s_addr;
     if (out_port != nullptr) *out_port = ntohs(peer.sin_port);
     return 0;
