@@ -21,7 +21,6 @@ std::thread::id owner;
 std::mutex zone_mutex;  // guards what follows
 int32_t zone_bias;
 std::function<bool(int64_t)> daylight_in_force;
-bool set_was_called;
 WallTime set_value;
 
 bool wall_clock(WallTime *out) {
@@ -87,7 +86,6 @@ platform::Error note_set(const cm_tm *utc, int32_t milliseconds) {
     const sys_days day(year(utc->year + 1900) / month(static_cast<unsigned>(utc->mon + 1)) /
                        std::chrono::day(static_cast<unsigned>(utc->mday)));
     std::lock_guard guard(zone_mutex);
-    set_was_called = true;
     set_value = {day.time_since_epoch().count() * INT64_C(86400) + utc->hour * 3600 + utc->min * 60 + utc->sec,
                  milliseconds};
     return 0;
@@ -100,12 +98,9 @@ FrozenClock::FrozenClock(int64_t seconds, int32_t milliseconds) : saved_(os) {
     wall_ms = seconds * 1000 + milliseconds;
     running_ms = 1000000;
     slept = 0;
+    set_value = {};
     broken = false;
     owner = std::this_thread::get_id();
-    {
-        std::lock_guard guard(zone_mutex);
-        set_was_called = false;
-    }
     os.wall_clock = wall_clock;
     os.monotonic_ms = [] { return running_ms.load(); };
     os.sleep = sleep;
@@ -144,11 +139,6 @@ void FrozenClock::set_zone(int32_t bias_seconds, std::function<bool(int64_t seco
         std::lock_guard guard(zone_mutex);
         return zone_bias;
     };
-}
-
-bool FrozenClock::was_set() const {
-    std::lock_guard guard(zone_mutex);
-    return set_was_called;
 }
 
 WallTime FrozenClock::set_to() const {

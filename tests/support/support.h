@@ -140,7 +140,6 @@ public:
     void set_zone(int32_t bias_seconds, std::function<bool(int64_t seconds)> in_force = nullptr);
 
     // What set_wall_clock was asked for, instead of setting a real clock: seconds since 1970 and milliseconds.
-    bool was_set() const;
     platform::WallTime set_to() const;
 
 private:

@@ -255,29 +255,17 @@ TEST(Threads, AParkedThreadsRecordIsSpareAndAllWaitTogetherTwoSeconds) {
     Leavers::forget();
 }
 
-TEST(Threads, AThreadThatCannotBeStoppedKeepsItsRecord) {
-    Host host;
-    Gate gate;
-    cm_thread *thread = start(host, gate);
-    {
-        Stubborn stubborn;
-        stubborn.can_be_parked = false;
-        EXPECT_EQ(cm_terminate_thread(thread), 0);
-        EXPECT_EQ(host.threads(), 1);
-        EXPECT_EQ(host->thread_spare, nullptr);
-    }
-    gate.open();
-    host.settle();
-    EXPECT_EQ(host->thread_spare, thread);
-}
-
-TEST(Threads, OneThatLeavesJustThenIsTakenAsEnded) {
+TEST(Threads, AThreadThatCannotBeStoppedKeepsItsRecordUntilItLeaves) {
     Host host;
     Gate gate;
     const auto join = os.thread_join;
     cm_thread *thread = start(host, gate);
-    const Stubborn stubborn;
-    const Replace<&platform::Table::thread_park> park([&](platform::Thread *left) {
+    Stubborn stubborn;
+    stubborn.can_be_parked = false;
+    EXPECT_EQ(cm_terminate_thread(thread), 0);
+    EXPECT_EQ(host.threads(), 1);
+    EXPECT_EQ(host->thread_spare, nullptr);
+    const Replace<&platform::Table::thread_park, 1> leaves_just_then([&](platform::Thread *left) {
         gate.open();
         EXPECT_TRUE(join(left, platform::kForever));
         return false;

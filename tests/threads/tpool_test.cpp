@@ -63,14 +63,14 @@ cm_value value_of(T &object) {
     return reinterpret_cast<cm_value>(&object);
 }
 
-std::vector<cm_conn> connections(size_t count) {
-    return std::vector<cm_conn>(count);
+int16_t CM_CALL do_nothing(cm_context *, cm_conn *, cm_thread *, cm_value) {
+    return 0;
 }
 
 TEST(ThreadPool, GrowsWithTheLoadAndShrinksBack) {
     Host host;
     host->idle_threads = 10;
-    auto conns = connections(12);
+    std::vector<cm_conn> conns(12);
     Pool pool(host, 50);
     Gate gate;
     EXPECT_EQ(pool.workers(), 10);
@@ -95,12 +95,12 @@ TEST(ThreadPool, GrowsWithTheLoadAndShrinksBack) {
 
 TEST(ThreadPool, GrowsUpToItsMaximumAndStaysWithItsIdleWorkers) {
     Host host;
-    auto conns = connections(8);
+    std::vector<cm_conn> conns(8);
     Pool pool(host, 4);
     Gate gate;
     for (auto &conn : conns) EXPECT_EQ(pool.exec(&conn, value_of(gate), wait_at), 1);
-    EXPECT_EQ(pool.workers(), 4);
     await([&] { return pool.busy() == 4; });
+    EXPECT_EQ(pool.workers(), 4);
     gate.open();
     await([&] { return closed == 8 && pool.busy() == 0; });
     Pool small(host, 1);  // the workers of the start are there whatever the maximum says
@@ -111,7 +111,7 @@ TEST(ThreadPool, GrowsUpToItsMaximumAndStaysWithItsIdleWorkers) {
 
 TEST(ThreadPool, RefusesTheJobThatFindsNoRecord) {
     Host host;
-    auto conns = connections(501);
+    std::vector<cm_conn> conns(501);
     Pool pool(host, 3);
     Gate gate;
     for (size_t i = 0; i < 500; i++) {
@@ -132,7 +132,7 @@ TEST(ThreadPool, RefusesTheJobThatFindsNoRecord) {
 
 TEST(ThreadPool, DropsJobsThatCannotRunAndForgetsTheirRecords) {
     Host host;
-    auto conns = connections(3);
+    std::vector<cm_conn> conns(3);
     Pool pool(host, 3);
     std::atomic<int> ran{0};
     EXPECT_EQ(pool.exec(nullptr, value_of(ran), count_up), 1);
@@ -151,21 +151,22 @@ TEST(ThreadPool, DropsJobsThatCannotRunAndForgetsTheirRecords) {
 TEST(ThreadPool, AWorkerIsNamedAfterItsJobAndCountsThem) {
     Host host;
     host->idle_threads = 1;
-    auto conns = connections(2);
+    cm_conn conn = {};
     Pool pool(host, 1);
     static std::atomic<cm_thread *> worker;
-    const auto look = [](cm_context *ctx, cm_conn *connection, cm_thread *self, cm_value jobs) -> int16_t {
+    const auto look = [](cm_context *ctx, cm_conn *connection, cm_thread *self, cm_value number) -> int16_t {
         EXPECT_STREQ(self->label, "request");
         EXPECT_EQ(self->argument, reinterpret_cast<cm_value>(connection));
         EXPECT_EQ(self->ctx, ctx);
-        EXPECT_EQ(self->jobs, 1);
-        self->jobs = static_cast<int32_t>(jobs);
+        EXPECT_EQ(self->jobs, static_cast<int32_t>(number));
+        if (number == 2) self->jobs = 999998;
         worker = self;
         return 1;
     };
-    for (auto &conn : conns) {
-        EXPECT_EQ(pool.exec(&conn, 999999, look, "request"), 1);
-        await([&] { return load_relaxed(conn.bytes_sent) == 1 && pool.busy() == 0; });
+    for (const cm_value number : {1, 2, 999999, 1}) {
+        const uint32_t before = load_relaxed(conn.bytes_sent);
+        EXPECT_EQ(pool.exec(&conn, number, look, "request"), 1);
+        await([&] { return load_relaxed(conn.bytes_sent) > before && pool.busy() == 0; });
     }
     EXPECT_STREQ(load_relaxed(worker.load()->label), "IDLE-Worker");
     EXPECT_EQ(load_relaxed(worker.load()->argument), 0u);
@@ -173,14 +174,14 @@ TEST(ThreadPool, AWorkerIsNamedAfterItsJobAndCountsThem) {
 
 TEST(ThreadPool, AConnectionThatItsHandlerGaveBackIsLeftAlone) {
     Host host;
-    auto conns = connections(2);
+    std::vector<cm_conn> conns(2);
     Pool pool(host, 3);
     const auto close_itself = [](cm_context *, cm_conn *connection, cm_thread *, cm_value) -> int16_t {
         add_relaxed(connection->serial, 1u);  // closed, and handed out to somebody else
         return 1;
     };
     EXPECT_EQ(pool.exec(&conns[0], 1, close_itself), 1);
-    EXPECT_EQ(pool.exec(&conns[1], 1, [](cm_context *, cm_conn *, cm_thread *, cm_value) -> int16_t { return 0; }), 1);
+    EXPECT_EQ(pool.exec(&conns[1], 1, do_nothing), 1);
     await([&] { return closed == 1 && pool.busy() == 0; });
     EXPECT_EQ(conns[0].bytes_sent, 0u);
     EXPECT_EQ(conns[1].bytes_sent, 1u);
@@ -191,7 +192,7 @@ TEST(ThreadPool, AConnectionThatItsHandlerGaveBackIsLeftAlone) {
 TEST(ThreadPool, ClosingEndsIdleWorkersAndWaitingJobsAtOnceAndBusyOnesAfterTheirJob) {
     for (const size_t jobs : {2u, 10u}) {  // with a worker that is idle, and with jobs that wait
         Host host;
-        auto conns = connections(jobs + 1);
+        std::vector<cm_conn> conns(jobs + 1);
         Gate gate;
         Pool pool(host, 3);
         const int busy = jobs < 3 ? static_cast<int>(jobs) : 3;
@@ -215,7 +216,7 @@ TEST(ThreadPool, ClosingEndsIdleWorkersAndWaitingJobsAtOnceAndBusyOnesAfterTheir
 
 TEST(ThreadPool, WorkersThatAreAskedLeave) {
     Host host;
-    auto conns = connections(1);
+    std::vector<cm_conn> conns(1);
     Pool pool(host, 3);
     EXPECT_EQ(cm_free_threads(host.ctx()), 1);
     EXPECT_EQ(pool.workers(), 0);
@@ -282,7 +283,7 @@ TEST(ThreadPool, NoJobIsStranded) {
 #else
     constexpr int kSubmitters = 8, kJobs = 12500;
 #endif
-    auto conns = connections(kSubmitters);
+    std::vector<cm_conn> conns(kSubmitters);
     Pool pool(host, 12);
     std::vector<std::thread> submitters;
     std::atomic<int> refused{0};
@@ -311,7 +312,7 @@ TEST(ThreadPool, ClosingAmongSubmittersClosesEachConnectionOnce) {
         Host host;
         host->trace_level = CM_INFO;
         constexpr size_t kSubmitters = 4, kEach = 100;
-        auto conns = connections(kSubmitters * kEach);
+        std::vector<cm_conn> conns(kSubmitters * kEach);
         Pool pool(host, 6);
         std::atomic<int> ran{0}, submitted{0};
         std::vector<std::thread> submitters;
