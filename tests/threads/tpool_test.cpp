@@ -99,7 +99,7 @@ TEST(ThreadPool, GrowsUpToItsMaximumAndStaysWithItsIdleWorkers) {
     Pool pool(host, 4);
     Gate gate;
     for (auto &conn : conns) EXPECT_EQ(pool.exec(&conn, value_of(gate), wait_at), 1);
-    await([&] { return pool.busy() == 4; });
+    await([&] { return gate.waiting() == pool.workers(); });
     EXPECT_EQ(pool.workers(), 4);
     gate.open();
     await([&] { return closed == 8 && pool.busy() == 0; });
