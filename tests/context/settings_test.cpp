@@ -99,8 +99,9 @@ TEST_F(Settings, EveryKey) {
 
 TEST_F(Settings, KeysOfOthersAreIgnoredAndUnknownOnesReported) {
     const std::string log = captured_standard_error([&] {
-        for (const char *key : {"Trace Threads", "Force IP Address", "Optimize Transmit", "Scheduler Sleep Timeout",
-                                "Message File", "Trace Failures", "Trace Successes", "trace library usage"})
+        for (const char *key :
+             {"Trace Threads", "Force IP Address", "Optimize Transmit", "Scheduler Sleep Timeout", "Message File",
+              "Trace Failures", "Trace Successes", "Trace Library Usage", "trace library usage"})
             EXPECT_TRUE(load(key, "anything"));
         EXPECT_TRUE(load("No Such Key", "1"));
         ctx_.trace_level = CM_FATAL;
