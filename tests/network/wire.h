@@ -132,16 +132,20 @@ inline std::string joined(const std::vector<std::string> &parts) {
 // What a gzip stream holds, checksum and length checked; "?" when it is not one whole stream.
 inline std::string gunzip(std::string_view bytes) {
     z_stream stream = {};
-    std::string text(2000000, '\0');
     stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(bytes.data()));
     stream.avail_in = static_cast<uInt>(bytes.size());
-    stream.next_out = reinterpret_cast<Bytef *>(text.data());
-    stream.avail_out = static_cast<uInt>(text.size());
     if (inflateInit2(&stream, 16 + MAX_WBITS) != Z_OK) return "?";
-    const bool whole = inflate(&stream, Z_FINISH) == Z_STREAM_END && stream.avail_in == 0;
-    text.resize(stream.total_out);
+    std::string text;
+    char piece[16384];
+    int result = Z_OK;
+    while (result == Z_OK) {
+        stream.next_out = reinterpret_cast<Bytef *>(piece);
+        stream.avail_out = sizeof piece;
+        result = inflate(&stream, Z_NO_FLUSH);
+        text.append(piece, sizeof piece - stream.avail_out);
+    }
     inflateEnd(&stream);
-    return whole ? text : "?";
+    return result == Z_STREAM_END && stream.avail_in == 0 ? text : "?";
 }
 
 // Bytes that do not repeat (`noise`: and cannot be compressed).
