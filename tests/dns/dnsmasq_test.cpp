@@ -10,13 +10,14 @@ namespace {
 
 constexpr char kProgram[] = "/usr/sbin/dnsmasq";
 
-// A port of the loopback address that is free just now, tried by binding it.
-bool is_taken(int32_t port) {
+// Whether the server takes connections; its datagram socket is bound before.  Not tried by binding the port, which is
+// what the server may be about to do.
+bool is_served(int32_t port) {
     cm_socket socket = cm::platform::kNoSocket;
-    EXPECT_EQ(os.socket_open(cm::platform::SocketKind::kDatagram, &socket), 0);
-    const bool taken = os.socket_bind(socket, address_of("127.0.0.1"), port) != 0;
+    EXPECT_EQ(os.socket_open(cm::platform::SocketKind::kStream, &socket), 0);
+    const bool served = os.socket_connect(socket, address_of("127.0.0.1"), port) == 0;
     os.socket_close(socket);
-    return taken;
+    return served;
 }
 
 class Dnsmasq : public testing::Test {
@@ -40,7 +41,7 @@ protected:
         const int32_t none[3] = {-1, -1, -1};
         ASSERT_EQ(os.process_start(command.c_str(), folder_.path().c_str(), none, &process_), 0);
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!is_taken(port_) && std::chrono::steady_clock::now() < end)
+        while (!is_served(port_) && std::chrono::steady_clock::now() < end)
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         port_before_ = cm::dns::server_port;
         cm::dns::server_port = port_;
