@@ -1,5 +1,6 @@
 // The resolver's own client against a real name server.
 #include <chrono>
+#include <random>
 #include <thread>
 
 #include "world.h"
@@ -10,12 +11,27 @@ namespace {
 
 constexpr char kProgram[] = "/usr/sbin/dnsmasq";
 
+// A loopback address of this run's own: no port of it is taken by what else runs on this machine.
+string own_address() {
+    std::random_device random;
+    return "127.53." + std::to_string(random() % 256) + "." + std::to_string(1 + random() % 254);
+}
+
+// The port of name servers where this process may use it, else one that it may.
+int32_t port_at(const string &address) {
+    cm_socket socket = cm::platform::kNoSocket;
+    EXPECT_EQ(os.socket_open(cm::platform::SocketKind::kDatagram, &socket), 0);
+    const bool allowed = os.socket_bind(socket, address_of(address.c_str()), 53) == 0;
+    os.socket_close(socket);
+    return allowed ? 53 : 5353;
+}
+
 // Whether the server takes connections; its datagram socket is bound before.  Not tried by binding the port, which is
 // what the server may be about to do.
-bool is_served(int32_t port) {
+bool is_served(const string &address, int32_t port) {
     cm_socket socket = cm::platform::kNoSocket;
     EXPECT_EQ(os.socket_open(cm::platform::SocketKind::kStream, &socket), 0);
-    const bool served = os.socket_connect(socket, address_of("127.0.0.1"), port) == 0;
+    const bool served = os.socket_connect(socket, address_of(address.c_str()), port) == 0;
     os.socket_close(socket);
     return served;
 }
@@ -28,11 +44,11 @@ protected:
         const string hosts = folder_.write("hosts",
                                            "10.1.0.1 many.test\n10.1.0.2 many.test\n10.1.0.3 many.test\n10.1.0.4 "
                                            "many.test\n10.1.0.5 many.test\n10.1.0.9 one.test\n");
-        port_ = Udp().port();
-        string command =
-            string(kProgram) + " --keep-in-foreground --conf-file=/dev/null --pid-file= --no-resolv --no-hosts " +
-            "--user=root --listen-address=127.0.0.1 --bind-interfaces --local=/test/ --port=" + std::to_string(port_) +
-            " --addn-hosts=" + hosts;
+        port_ = port_at(address_);
+        string command = string(kProgram) +
+                         " --keep-in-foreground --conf-file=/dev/null --pid-file= --no-resolv --no-hosts " +
+                         "--user=root --listen-address=" + address_ +
+                         " --bind-interfaces --local=/test/ --port=" + std::to_string(port_) + " --addn-hosts=" + hosts;
         for (const char *option :
              {"cname=first.test,second.test", "cname=second.test,one.test", "mx-host=domain.test,e.test,50",
               "mx-host=domain.test,b.test,20", "mx-host=domain.test,a.test,10", "mx-host=domain.test,d.test,40",
@@ -41,7 +57,7 @@ protected:
         const int32_t none[3] = {-1, -1, -1};
         ASSERT_EQ(os.process_start(command.c_str(), folder_.path().c_str(), none, &process_), 0);
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!is_served(port_) && std::chrono::steady_clock::now() < end)
+        while (!is_served(address_, port_) && std::chrono::steady_clock::now() < end)
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         port_before_ = cm::dns::server_port;
         cm::dns::server_port = port_;
@@ -56,9 +72,10 @@ protected:
     }
 
     TempFolder folder_;
+    const string address_ = own_address();
     int32_t port_ = 0, port_before_ = 0;
     cm::platform::Process *process_ = nullptr;
-    World world_{"DNS Secondary = 127.0.0.1\nDNS Timeout = 5"};
+    World world_{"DNS Secondary = " + address_ + "\nDNS Timeout = 5"};
 };
 
 TEST_F(Dnsmasq, AnswersAsItDoesToEverybody) {
