@@ -1,145 +1,99 @@
 // Key tables and lists.
-#include <sstream>
-
-#include "support/data.h"
 #include "support/failures.h"
 #include "support/replace.h"
+#include "support/scenario.h"
 
 namespace {
 
+using namespace cm::test;
 using cm::platform::Lock;
 using cm::platform::Table;
-using cm::test::captured_standard_error;
-using cm::test::Faults;
-using cm::test::LeakCheck;
-using cm::test::Replace;
-using cm::test::Row;
-using cm::test::rows;
+using std::string;
 
-std::vector<cm_value> destroyed;
+string destroyed;
 void CM_CALL destroy(cm_value value) {
-    destroyed.push_back(value);
+    destroyed += std::to_string(value) + " ";
 }
 
-class Containers : public testing::TestWithParam<bool> {
-protected:
-    void SetUp() override {
-        if (GetParam()) {
-            ASSERT_EQ(cm_mem_init(nullptr, &pool_, 256), 1);
-        }
+// The steps of data/containers.txt: one key table and one list, on the heap or in a pool.
+struct Containers : World {
+    explicit Containers(bool in_pool) {
+        EXPECT_EQ(cm_mem_init(nullptr, in_pool ? &pool : nullptr, 256), in_pool);
+        EXPECT_EQ(cm_create_mutex(nullptr, &lock), 1);
+        EXPECT_EQ(cm_key_alloc(nullptr, pool, lock, &keys), 1);
+        EXPECT_EQ(cm_list_alloc(nullptr, pool, &list), 1);
         destroyed.clear();
-        ASSERT_EQ(cm_key_alloc(nullptr, pool_, nullptr, &keys_), 1);
-        ASSERT_EQ(cm_list_alloc(nullptr, pool_, &list_), 1);
+        on("set", [this](auto &words) { return key(CM_OP_SET, words, static_cast<cm_value>(words.number(1))); });
+        on("find", [this](auto &words) { return found(CM_OP_FIND, words); });
+        on("delete", [this](auto &words) { return found(CM_OP_DELETE, words); });
+        on("key-entry", [this](auto &words) {
+            const auto number = [&](size_t index) { return static_cast<int32_t>(words.number(index)); };
+            return cm_key_entry(keys, number(0), "a", number(1), 0);
+        });
+        on("hold", [this](auto &) { buffer = keys->head->key; });
+        on("buffer",
+           [this](auto &words) { return pool == nullptr || (keys->head->key == buffer) == (words[0] == "same"); });
+        on("spare", [this](auto &) { return (keys->spare != nullptr) == (pool != nullptr); });
+        on("locked", [this](auto &words) {
+            string calls;
+            const Replace<&Table::lock_acquire> acquire([&](Lock *) { calls += "("; });
+            const Replace<&Table::lock_release> release([&](Lock *) { calls += ")"; });
+            run(words);
+            return calls;
+        });
+        on("add", [this](auto &words) {
+            return cm_list_entry(list, CM_LIST_ADD, 99, static_cast<cm_value>(words.number(0)));
+        });
+        on("first", [this](auto &words) { return read(CM_OP_FIRST, words.number(0)); });
+        on("next", [this](auto &words) { return read(CM_OP_NEXT, words.number(0)); });
+        on("list-entry", [this](auto &words) { return read(static_cast<int32_t>(words.number(0)), 0); });
+        on("free", [this](auto &) {
+            EXPECT_EQ(cm_key_free(keys, destroy) + cm_list_free(list, destroy), 2);
+            return destroyed;
+        });
     }
-    void TearDown() override {
-        EXPECT_EQ(cm_key_free(keys_, destroy), 1);
-        EXPECT_EQ(cm_list_free(list_, destroy), 1);
-        EXPECT_EQ(destroyed, left_);
-        cm_mem_exit(pool_);
-        EXPECT_EQ(leaks_.outstanding(), 0u);
+    ~Containers() {
+        cm_delete_mutex(lock);
+        cm_mem_exit(pool);
+        EXPECT_EQ(leaks.outstanding(), 0u);
     }
-    // The value found or removed, 1 for one set, -1 for a failure.
-    long run(const std::string &call, const std::string &key, cm_value value = 0) {
-        const int32_t operation = call == "set" ? CM_OP_SET : call == "find" ? CM_OP_FIND : CM_OP_DELETE;
-        cm_value out = 77;
-        if (operation != CM_OP_SET) value = CM_OUT(&out);
-        if (cm_key_entry(keys_, operation, key.data(), static_cast<int32_t>(key.size()), value))
-            return operation == CM_OP_SET ? 1 : static_cast<long>(out);
-        EXPECT_EQ(out, operation == CM_OP_FIND ? 0u : 77u);
-        return -1;
+    int16_t key(int32_t operation, const Words &words, cm_value value) {
+        return cm_key_entry(keys, operation, words.text(0), static_cast<int32_t>(words[0].size()), value);
     }
-    long read(int32_t operation, int32_t cursor = 0) {
+    string found(int32_t operation, const Words &words) {
         cm_value value = 77;
-        if (cm_list_entry(list_, operation, cursor, CM_OUT(&value))) return static_cast<long>(value);
+        if (key(operation, words, CM_OUT(&value))) return std::to_string(value);
+        EXPECT_EQ(value, operation == CM_OP_FIND ? 0u : 77u);
+        return "-";
+    }
+    string read(int32_t operation, int64_t cursor) {
+        cm_value value = 77;
+        if (cm_list_entry(list, operation, static_cast<int32_t>(cursor), CM_OUT(&value))) return std::to_string(value);
         EXPECT_EQ(value, 77u) << "a failure leaves the value alone";
-        return -1;
+        return "-";
     }
 
-    LeakCheck leaks_;
-    cm_mem_pool *pool_ = nullptr;
-    cm_keytab *keys_ = nullptr;
-    cm_list *list_ = nullptr;
-    std::vector<cm_value> left_;  // what the end destroys
-};
-
-INSTANTIATE_TEST_SUITE_P(Where, Containers, testing::Bool(),
-                         [](const auto &where) { return where.param ? "InAPool" : "OnTheHeap"; });
-
-TEST_P(Containers, KeyOperations) {
-    for (const Row &row : rows("core/keys")) {
-        std::istringstream keys(row[1]);
-        std::string results;
-        for (std::string key; keys >> key;) {
-            const long result = run(row[0], key == "." ? "" : key, row.fields.size() > 3 ? cm_value(row.number(3)) : 0);
-            results += (results.empty() ? "" : " ") + (result < 0 ? "-" : std::to_string(result));
-        }
-        EXPECT_EQ(results, row[2]) << row.where;
-    }
-    EXPECT_EQ(captured_standard_error([&] {
-                  for (const int32_t operation : {0, 4, 7}) EXPECT_EQ(cm_key_entry(keys_, operation, "a", 1, 0), 0);
-                  for (const int32_t length : {-1, -2, -4})
-                      EXPECT_EQ(cm_key_entry(keys_, CM_OP_SET, "a", length, 0), 0);
-                  EXPECT_EQ(cm_key_entry(keys_, CM_OP_FIND, "a", CM_LEN_TEXT, 0), 1);
-              }),
-              "");
-    left_ = {8, 3};  // newest first
-}
-
-TEST_P(Containers, SpareEntriesKeepBuffersOfLongerKeys) {
-    run("set", "sixsix", 1);
-    const char *const first = keys_->head->key;
-    run("delete", "sixsix");
-    ASSERT_EQ(keys_->spare != nullptr, pool_ != nullptr);
-    if (pool_ == nullptr) return;
-    run("set", "two", 2);
-    EXPECT_EQ(keys_->head->key, first);
-    EXPECT_EQ(keys_->spare, nullptr);
-    run("delete", "two");
-    run("set", "four", 4);
-    EXPECT_NE(keys_->head->key, first) << "measured by the last key, not by the buffer";
-    EXPECT_EQ(run("find", "four"), 4);
-    left_ = {4};
-}
-
-TEST_P(Containers, ListIsReadNewestFirst) {
-    EXPECT_EQ(read(CM_OP_FIRST), -1);
-    for (cm_value value = 1; value <= 3; value++) EXPECT_EQ(cm_list_entry(list_, CM_LIST_ADD, 99, value), 1);
-    EXPECT_EQ(read(CM_OP_NEXT), -1) << "a fresh cursor is at the end";
-    EXPECT_EQ(read(CM_OP_FIRST), 3);
-    EXPECT_EQ(read(CM_OP_FIRST, 3), 3);
-    EXPECT_EQ(read(CM_OP_NEXT), 2);
-    EXPECT_EQ(cm_list_entry(list_, CM_LIST_ADD, 0, 4), 1);
-    EXPECT_EQ(read(CM_OP_NEXT), 1);
-    EXPECT_EQ(read(CM_OP_NEXT), -1);
-    EXPECT_EQ(read(CM_OP_NEXT, 3), 2);
-    for (const int32_t cursor : {-1, 4, INT32_MAX, INT32_MIN}) EXPECT_EQ(read(CM_OP_FIRST, cursor), -1);
-    for (const int32_t operation : {0, 1, 3, 6}) EXPECT_EQ(read(operation), -1);
-    left_ = {4, 3, 2, 1};
-}
-
-TEST(KeyTable, EveryOperationHoldsTheLock) {
+    LeakCheck leaks;
+    cm_mem_pool *pool = nullptr;
     cm_mutex *lock = nullptr;
     cm_keytab *keys = nullptr;
-    ASSERT_EQ(cm_create_mutex(nullptr, &lock), 1);
-    ASSERT_EQ(cm_key_alloc(nullptr, nullptr, lock, &keys), 1);
-    std::string held;
-    {
-        const Replace<&Table::lock_acquire> acquire([&](Lock *) { held += "("; });
-        const Replace<&Table::lock_release> release([&](Lock *) { held += ")"; });
-        cm_key_entry(keys, CM_OP_SET, "a", 1, 1);
-        for (const int32_t operation : {CM_OP_FIND, CM_OP_DELETE, CM_OP_DELETE, 9})
-            cm_key_entry(keys, operation, "a", 1, 0);
-    }
-    EXPECT_EQ(held, "()()()()()");
-    EXPECT_EQ(cm_key_free(keys, nullptr), 1);
-    EXPECT_EQ(cm_delete_mutex(lock), 1);
-}
+    cm_list *list = nullptr;
+    const char *buffer = nullptr;
+};
+struct OnTheHeap : Containers {
+    explicit OnTheHeap(const Row &) : Containers(false) {}
+};
+struct InAPool : Containers {
+    explicit InAPool(const Row &) : Containers(true) {}
+};
+SCENARIOS(ContainersOnTheHeap, OnTheHeap, "core/containers");
+SCENARIOS(ContainersInAPool, InAPool, "core/containers");
 
 TEST(KeyTable, FailuresOfMemory) {
     const std::string no_memory = "Tilvar Server Error: cm_mem_alloc() Failure allocating memory block.\n";
     LeakCheck leaks;
-    const cm::test::StandardErrorCapture capture;
-    cm::test::each_failure(
+    const StandardErrorCapture capture;
+    each_failure(
         Faults::kAllocations,
         [] {
             cm_keytab *keys = nullptr;

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -44,8 +45,8 @@ inline std::string unescaped(const std::string &text) {
     return out;
 }
 
-// `name` is "area/name".
-inline std::vector<Row> rows(const std::string &name) {
+// `name` is "area/name".  Fields are still as they are written.
+inline std::vector<Row> raw_rows(const std::string &name) {
     std::ifstream file(std::string(CM_TEST_FOLDER) + "/" + name.substr(0, name.find('/')) + "/data" +
                        name.substr(name.find('/')) + ".txt");
     EXPECT_TRUE(file) << name;
@@ -59,11 +60,17 @@ inline std::vector<Row> rows(const std::string &name) {
         for (size_t from = 0, end; (end = line.find('|', from)) != line.npos; from = end + 1) {
             const std::string field = line.substr(from, end - from);
             const size_t first = field.find_first_not_of(' ');
-            row.fields.push_back(
-                first == field.npos ? "" : unescaped(field.substr(first, field.find_last_not_of(' ') - first + 1)));
+            row.fields.push_back(first == field.npos ? ""
+                                                     : field.substr(first, field.find_last_not_of(' ') - first + 1));
         }
         rows.push_back(std::move(row));
     }
+    return rows;
+}
+
+inline std::vector<Row> rows(const std::string &name) {
+    std::vector<Row> rows = raw_rows(name);
+    for (Row &row : rows) std::transform(row.fields.begin(), row.fields.end(), row.fields.begin(), unescaped);
     return rows;
 }
 
