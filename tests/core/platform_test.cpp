@@ -6,21 +6,19 @@
 #include <string.h>
 
 #include <atomic>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <thread>
 
 #include "support/data.h"
-#include "support/failures.h"
 #include "support/sockets.h"
+#include "support/support.h"
 
 namespace cm::platform {
 namespace {
 
 using test::BareSocket;
 using test::Faults;
-using test::LeakCheck;
 using test::Peer;
 using test::TempFolder;
 using test::Udp;
@@ -56,17 +54,6 @@ bool is_readable(cm_socket socket, int32_t timeout_ms = kPatience) {
     WaitItem item = {socket, false, false, false};
     int32_t ready = 0;
     return os.socket_wait(&item, 1, timeout_ms, &ready) == 0 && ready == 1 && item.ready;
-}
-
-TEST(Sockets, RawTimeoutsAreMilliseconds) {
-    Pair pair;
-    const int32_t short_time = 30;
-    // The numbers of SOL_SOCKET and SO_RCVTIMEO on Linux and on Windows.
-    if (os.socket_raw_option(pair.server, 1, 20, &short_time, 4) != 0) {
-        ASSERT_EQ(os.socket_raw_option(pair.server, 0xFFFF, 0x1006, &short_time, 4), 0);
-    }
-    EXPECT_EQ(receive(pair.server), CM_ETIMEDOUT);
-    EXPECT_NE(os.socket_raw_option(pair.server, 1, 20, &short_time, -1), 0);
 }
 
 TEST(Sockets, DatagramsThatDoNotFitAndDeadPorts) {
@@ -108,14 +95,14 @@ TEST(Sockets, WaitOnManyAndOnNone) {
 TEST(Sockets, WakeStaysSetUntilCleared) {
     Wake wake;
     ASSERT_EQ(os.wake_create(&wake), 0);
-    EXPECT_FALSE(is_readable(wake.read_end, 0));
-    for (int i = 0; i < 2; i++) os.wake_set(&wake);
-    EXPECT_TRUE(is_readable(wake.read_end) && is_readable(wake.read_end));
-    os.wake_clear(&wake);
-    EXPECT_FALSE(is_readable(wake.read_end, 0));
-    std::thread other([&] { os.wake_set(&wake); });
-    EXPECT_TRUE(is_readable(wake.read_end));
-    other.join();
+    for (int round = 0; round < 2; round++) {
+        EXPECT_FALSE(is_readable(wake.read_end, 0));
+        std::thread other([&] { os.wake_set(&wake); });
+        EXPECT_TRUE(is_readable(wake.read_end) && is_readable(wake.read_end));
+        other.join();
+        os.wake_set(&wake);
+        os.wake_clear(&wake);
+    }
     os.wake_destroy(&wake);
     EXPECT_EQ(wake.read_end, kNoSocket);
 }
@@ -311,48 +298,71 @@ TEST_F(Threads, ParkingAmidAllocationsHarmsNobody) {
     EXPECT_TRUE(os.thread_park(waiting.thread)) << "one that only waits ends";
 }
 
-// ---- files ----------------------------------------------------------------------------------------------------------
+// ---- files and processes --------------------------------------------------------------------------------------------
 
-class Files : public testing::Test {
+class System : public testing::Test {
 protected:
-    Error open_error(const std::string &path, int32_t flags) {
+    // What a command prints, all in one line, with what it prints as errors behind "!", and "= code" unless that is 0.
+    std::string run(const std::string &command, const char *directory = nullptr, bool with_input = true) const {
+        int32_t standard[3] = {-1, -1, -1}, code = -77;
+        if (with_input) os.file_open(folder.write("in", "some input").c_str(), CM_O_RDONLY, &standard[0]);
+        os.file_open(folder.path("out").c_str(), CM_O_WRONLY | CM_O_CREAT | CM_O_TRUNC, &standard[1]);
+        os.file_open(folder.path("err").c_str(), CM_O_WRONLY | CM_O_CREAT | CM_O_TRUNC, &standard[2]);
+        Process *process = nullptr;
+        const Error error = os.process_start(command.c_str(), directory, standard, &process);
+        for (const int32_t descriptor : standard) os.file_close(descriptor);
+        EXPECT_EQ(error != 0, process == nullptr);
+        if (error != 0) return "not started";
+        EXPECT_TRUE(os.process_wait(process, kPatience, &code));
+        os.process_release(process);
+        const std::string errors = folder.read("err");
+        std::string said;
+        for (const std::string &line : test::lines_of(folder.read("out"))) said += line;
+        return said + (errors.empty() ? "" : "!" + errors) + (code == 0 ? "" : "= " + std::to_string(code));
+    }
+    Error open_error(const std::string &path, int32_t flags) const {
         int32_t descriptor = -1;
         const Error error = os.file_open(path.c_str(), flags, &descriptor);
         if (error == 0) os.file_close(descriptor);
         return error;
     }
+
     TempFolder folder;
-    FileStatus status = {};
 };
 
-TEST_F(Files, OnlyFilesAreOpened) {
+TEST_F(System, CommandsAreSplitAsOnWindowsAndGetTheirStreams) {
+    const std::string child = "\"" + test::child_program() + "\"";
+    folder.write("no_program", "x");
+    for (const test::Row &row : test::rows("core/commands")) {
+        std::string command = row[0];
+        for (const auto &[word, text] : {std::pair("@", child), {"%", test::child_program()}, {"~", folder.path()}})
+            if (const size_t at = command.find(word); at != command.npos) command.replace(at, 1, text);
+        EXPECT_EQ(run(command), row[1]) << row.where;
+    }
+    EXPECT_EQ(run(child + " exit 0", folder.path("missing").c_str()), "not started");
+    EXPECT_EQ(run(child + " echo", nullptr, false), "") << "a null input ends at once";
+}
+
+TEST_F(System, OnlyFilesAndDevicesAreOpened) {
     EXPECT_NE(open_error(folder.path("new"), CM_O_RDWR), 0);
     EXPECT_NE(open_error(folder.path(), CM_O_RDONLY), 0);
     EXPECT_NE(open_error(folder.path() + "/", CM_O_RDONLY), 0);
-    const int32_t none[3] = {-1, -1, -1};
-    Process *process = nullptr;
     const std::string fifo = folder.path("fifo");
-    int32_t code = 0;
-    if (os.process_start(("mkfifo " + fifo).c_str(), nullptr, none, &process) != 0) return;  // no such thing here
-    ASSERT_TRUE(os.process_wait(process, kPatience, &code));
-    os.process_release(process);
+    if (run("mkfifo " + fifo) == "not started") return;  // no such thing here, nor the other
     // Without waiting for whoever opens the other end.
     for (const int32_t flags : {CM_O_RDONLY, CM_O_WRONLY, CM_O_RDWR | CM_O_CREAT})
         EXPECT_NE(open_error(fifo, flags), 0);
-}
-
-TEST_F(Files, FullDeviceTellsHowFarItCame) {
-    if (const char *why = test::missing(test::Feature::kFullDevice)) GTEST_SKIP() << why;
-    int32_t descriptor = -1;
-    ASSERT_EQ(os.file_open("/dev/full", CM_O_WRONLY, &descriptor), 0);
+    int32_t full = -1;
     size_t written = 99;
-    EXPECT_EQ(os.file_write(descriptor, "x", 1, &written), Faults::kNoSpace);
+    ASSERT_EQ(os.file_open("/dev/full", CM_O_WRONLY, &full), 0);
+    EXPECT_EQ(os.file_write(full, "x", 1, &written), Faults::kNoSpace);
     EXPECT_EQ(written, 0u);
-    os.file_close(descriptor);
+    os.file_close(full);
 }
 
-TEST_F(Files, NamesAndEndingSeparators) {
+TEST_F(System, NamesAndEndingSeparators) {
     const std::string a = folder.write("a", "a"), b = folder.write("b", "b"), sub = folder.path("sub") + "/";
+    FileStatus status = {};
     EXPECT_EQ(os.directory_create(sub.c_str()), 0);
     EXPECT_EQ(os.path_access(sub.c_str(), CM_ACCESS_EXISTS), 0);
     EXPECT_EQ(os.path_status((a + "/").c_str(), true, &status), 0);  // one separator is ignored, as Windows sides must
@@ -362,147 +372,16 @@ TEST_F(Files, NamesAndEndingSeparators) {
     EXPECT_NE(os.path_remove(sub.c_str()), 0);
     EXPECT_EQ(os.directory_remove(sub.c_str()), 0);
     EXPECT_NE(os.directory_remove(folder.path().c_str()), 0);
-}
-
-TEST_F(Files, ListingSkipsNamesThatDoNotFit) {
-    folder.write("short", "");
-    folder.write("a_longer_name", "");
     void *search = nullptr;
     ASSERT_EQ(os.directory_open(folder.path().c_str(), &search), 0);
-    char name[6];
+    char name[2];
     std::string seen;
+    folder.write("a longer name", "");
     while (os.directory_next(search, name, sizeof name))
         if (name[0] != '.') seen += name;
     os.directory_close(search);
-    EXPECT_EQ(seen, "short");
-    EXPECT_NE(os.directory_open(folder.path("none").c_str(), &search), 0);
-}
-
-// ---- processes ------------------------------------------------------------------------------------------------------
-
-class Processes : public testing::Test {
-protected:
-    // Starts the child program without streams; null when it cannot be started.
-    Process *start(const std::string &arguments) const {
-        const int32_t none[3] = {-1, -1, -1};
-        Process *process = nullptr;
-        const Error error = os.process_start((child + arguments).c_str(), nullptr, none, &process);
-        EXPECT_EQ(error != 0, process == nullptr);
-        return process;
-    }
-    // What a command prints, with what it prints as errors behind "!", and "= code" unless that is 0.
-    std::string run(const std::string &command, const char *directory = nullptr, const std::string &input = "",
-                    const std::string &name = "run") const {
-        int32_t standard[3] = {-1, -1, -1}, code = -77;
-        os.file_open(folder.write(name + ".in", input).c_str(), CM_O_RDONLY, &standard[0]);
-        os.file_open(folder.path(name + ".out").c_str(), CM_O_WRONLY | CM_O_CREAT | CM_O_TRUNC, &standard[1]);
-        os.file_open(folder.path(name + ".err").c_str(), CM_O_WRONLY | CM_O_CREAT | CM_O_TRUNC, &standard[2]);
-        Process *process = nullptr;
-        const Error error = os.process_start(command.c_str(), directory, standard, &process);
-        for (const int32_t descriptor : standard) os.file_close(descriptor);
-        if (error != 0) return "not started";
-        EXPECT_TRUE(os.process_wait(process, kPatience, &code));
-        os.process_release(process);
-        const std::string errors = folder.read(name + ".err");
-        return folder.read(name + ".out") + (errors.empty() ? "" : "!" + errors) +
-               (code == 0 ? "" : "= " + std::to_string(code));
-    }
-
-    TempFolder folder;
-    const std::string child = "\"" + test::child_program() + "\"";
-};
-
-TEST_F(Processes, CommandLinesAreSplitAsOnWindows) {
-    for (const test::Row &row : test::rows("core/command_lines")) {
-        std::string words;
-        for (const std::string &line : test::lines_of(run(child + " print " + row[0]))) words += line;
-        EXPECT_EQ(words, row[1]) << row.where;
-    }
-}
-
-TEST_F(Processes, ProgramsStreamsAndFolders) {
-    EXPECT_EQ(run("  " + child + " exit 3"), "= 3");
-    EXPECT_EQ(run(test::child_program() + " exit 4"), "= 4");
-    for (const std::string &command :
-         {std::string("no_such_program_anywhere x"), "\"" + folder.path("missing") + "\" x",
-          "\"" + folder.write("no_program", "x") + "\"", std::string(), std::string("\"\"")})
-        EXPECT_EQ(run(command), "not started") << command;
-    EXPECT_EQ(run(child + " exit 0", folder.path("missing").c_str()), "not started");
-    EXPECT_EQ(run(child + " echo", nullptr, "some input\n"), "some input\n");
-    EXPECT_EQ(run(child + " error oops"), "!oops");
-    folder.make_folder("work");
-    const std::string seen = run(child + " folder", folder.path("work").c_str());
-    EXPECT_TRUE(std::filesystem::equivalent(test::lines_of(seen).at(0), folder.path("work"))) << seen;
-    Process *process = start(" echo");
-    int32_t code = -1;
-    EXPECT_TRUE(os.process_wait(process, kPatience, &code));  // a null input ends at once
-    EXPECT_EQ(code, 0);
-    os.process_release(process);
-}
-
-TEST_F(Processes, ThreeDescriptorsReachAChildWhoeverStartsAtTheSameTime) {
-    Pair open_sockets;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; i++)
-        threads.emplace_back([this, i] {
-            for (int round = 0; round < 4; round++)
-                EXPECT_EQ(run(child + " descriptors", nullptr, "", "run" + std::to_string(i)).substr(0, 1), "3");
-        });
-    for (std::thread &thread : threads) thread.join();
-}
-
-TEST_F(Processes, KillReachesTheGrandchildAndAnAskedThreadStopsWaiting) {
-    Listener listener;
-    Process *process = start(" nest " + std::to_string(listener.port()));
-    int32_t code = 0;
-    EXPECT_GT(os.process_id(process), 0);
-    ASSERT_TRUE(is_readable(listener.socket()));
-    cm_socket grandchild = kNoSocket;
-    ASSERT_EQ(listener.accept(&grandchild), 0);
-    EXPECT_FALSE(os.process_wait(process, 20, &code));
-    {
-        Runner runner([&] { EXPECT_FALSE(os.process_wait(process, kForever, &code)); });
-        os.sleep(5);
-    }
-    os.process_kill(process);
-    EXPECT_TRUE(os.process_wait(process, kPatience, &code));
-    EXPECT_TRUE(is_readable(grandchild));  // its end of the connection is gone
-    os.socket_close(grandchild);
-    os.process_release(process);
-    process = start(" hold " + std::to_string(listener.port()));
-    os.process_kill(process);
-    os.process_release(process);  // still there or not: nothing is left for good
-    EXPECT_EQ(run(child + " exit 0"), "");
-}
-
-// ---- failures -------------------------------------------------------------------------------------------------------
-
-TEST_F(Processes, EveryAllocationMayFail) {
-    LeakCheck leaks;
-    int failures = 0, rounds = 0;
-    test::each_failure(
-        Faults::kAllocations,
-        [&] {
-            Event *event = os.event_create();
-            Lock *lock = os.lock_create();
-            Thread *thread = nullptr;
-            const Error error = os.thread_start([](void *) {}, nullptr, &thread);
-            EXPECT_EQ(error != 0, thread == nullptr);
-            Process *process = start(" exit 0");
-            failures += (event == nullptr) + (lock == nullptr) + (thread == nullptr) + (process == nullptr);
-            int32_t code = 0;
-            EXPECT_TRUE(process == nullptr || os.process_wait(process, kPatience, &code));
-            EXPECT_TRUE(thread == nullptr || os.thread_join(thread, kPatience));
-            os.process_release(process);
-            if (thread != nullptr) os.thread_release(thread);
-            os.lock_destroy(lock);
-            os.event_destroy(event);
-        },
-        [&](bool injected) {
-            EXPECT_EQ(failures, rounds += injected);
-            EXPECT_EQ(leaks.outstanding(), 0u);
-        });
-    EXPECT_GE(rounds, 4);
+    EXPECT_TRUE(seen == "ab" || seen == "ba") << seen << ": longer names are skipped";
+    EXPECT_NE(os.directory_open(sub.c_str(), &search), 0);
 }
 
 // A new entry of the table is either failed by Faults or known here not to be fallible.
