@@ -1,5 +1,6 @@
 // The log: what a line looks like, the ring, the buffer, the standard error stream, error helpers and alerts.
 #include <memory>
+#include <utility>
 
 #include "core/cmcontext.h"
 #include "core/cmerror.h"
@@ -149,83 +150,66 @@ TEST_F(LogTest, RaisedErrorsNameTheirPlaceAndFailingResultsLeaveATrail) {
 
 // ---- alerts ---------------------------------------------------------------------------------------------------------
 
-std::vector<std::string> seen;
+std::string seen;  // by the handler
 
 void CM_CALL note(cm_context *, const cm_alert *alert) {
-    seen.push_back(std::string(alert->category) + "|" + alert->subject + "|" + alert->message + "|" + alert->timestamp +
-                   "|" + std::to_string(alert->connections) + "|" + std::to_string(alert->threads));
+    seen += std::string(alert->category) + "|" + alert->subject + "|" + alert->message + "|" + alert->timestamp + "|" +
+            std::to_string(alert->connections) + "|" + std::to_string(alert->threads);
 }
 
 void CM_CALL alert_again(cm_context *ctx, const cm_alert *) {
-    seen.push_back("again");
+    seen += "again ";
     cm_alert_notify(ctx, 1, "nested", "from the handler");
 }
 
-class Alerts : public LogTest {
-protected:
-    Alerts() {
-        seen.clear();
+// The steps of data/alerts.txt.
+struct Alerts : Log {
+    explicit Alerts(const Row &) {
         EXPECT_EQ(cm_create_mutex(ctx.get(), &ctx->file_mutex), 1);
         EXPECT_EQ(cm_mem_init(ctx.get(), &ctx->common_pool, 1024), 1);
-        EXPECT_EQ(cm_alerts_init(ctx.get()), 1);
-        ring_ = ctx->alert_table;
+        on("init", [this](auto &) { return cm_alerts_init(ctx.get()); });
+        on("exit", [this](auto &) { return cm_alerts_exit(ctx.get()); });
+        on("notify", [this](auto &words) {
+            const std::string text = words.rest(2);
+            cm_alert_notify(ctx.get(), number(words, 0), words[1] == "-" ? nullptr : words.text(1),
+                            text == "-" ? nullptr : text.c_str());
+            return std::exchange(seen, "");
+        });
+        on("alert-port", [this](auto &words) {
+            alert(ctx.get(), "listener", "port %d", number(words, 0));
+            return std::exchange(seen, "");
+        });
+        on("count", [this](auto &words) {
+            for (int i = 1; i <= number(words, 0); i++) run(Words("notify 10 count " + std::to_string(i)));
+        });
+        on("repeat", [this](auto &words) {
+            for (int i = 0; i < number(words, 0); i++) run(words.from(1));
+        });
+        on("ring", [this](auto &) {
+            return std::to_string(ctx->alert_table->count) + ", last in " + std::to_string(ctx->alert_table->last);
+        });
+        on("slot", [this](auto &words) {
+            const auto &slot = ctx->alert_table->slot[number(words, 0)];
+            return std::to_string(slot.category) + " " + std::to_string(slot.time) + " " + slot.subject + " " +
+                   slot.message;
+        });
+        on("handler", [this](auto &words) { ctx->alert_handler = words[0] == "note" ? note : alert_again; });
+        on("connections", [this](auto &words) {
+            net.open_count = number(words, 0);
+            ctx->net_table = words[0].empty() ? nullptr : &net;
+        });
+        on("register", [this](auto &) { return cm_alert_register(ctx.get(), 1, 2) + cm_alert_deregister(ctx.get()); });
     }
-    ~Alerts() override {
+    ~Alerts() {
         EXPECT_EQ(cm_alerts_exit(ctx.get()), 1);
         EXPECT_EQ(ctx->alert_table, nullptr);
-        EXPECT_EQ(cm_alerts_exit(ctx.get()), 1);
-        cm_alert_notify(ctx.get(), 1, "nobody", "listens");
         cm_mem_exit(ctx->common_pool);
         cm_delete_mutex(ctx->file_mutex);
     }
-    cm_alert_ring *ring_;
-};
 
-TEST_F(Alerts, TheRingKeepsTwoHundredAndCutsTexts) {
-    EXPECT_EQ(cm_alerts_init(ctx.get()), 1);
-    EXPECT_EQ(ctx->alert_table, ring_);
-    for (int i = 1; i <= 201; i++) cm_alert_notify(ctx.get(), 10, "count", std::to_string(i).c_str());
-    EXPECT_EQ(ring_->last, 1);
-    EXPECT_EQ(ring_->count, 200);
-    EXPECT_STREQ(ring_->slot[0].message, "201");
-    EXPECT_STREQ(ring_->slot[1].message, "2");
-    EXPECT_EQ(ring_->slot[0].time, 1000000000u);
-    EXPECT_EQ(ring_->slot[0].category, 10);
-    const std::string longer(300, 'm');
-    for (int i = 0; i < 200; i++) cm_alert_notify(ctx.get(), 1, longer.c_str(), longer.c_str());
-    EXPECT_EQ(ring_->slot[0].subject, std::string(63, 'm'));
-    EXPECT_EQ(ring_->slot[0].message, std::string(255, 'm'));
-    for (int i = 0; i < 200; i++) cm_alert_notify(ctx.get(), 1, "new", "short");
-    EXPECT_EQ(ring_->slot[0].subject, "new" + std::string(60, 'm'));  // kept: no terminator over an older subject
-    EXPECT_STREQ(ring_->slot[0].message, "short");
-}
-
-TEST_F(Alerts, TheHandlerGetsItAllInFull) {
     cm_net_state net = {};
-    net.open_count = 7;
-    ctx->net_table = &net;
-    ctx->alert_handler = note;
-    const std::string longer(400, 'm'), end = "|[09/Sep/2001:01:46:40 +0000]|7|0";
-    const char *names[] = {"Undefined", "Networking", "SMTP", "POP3", "IMAP4",        "Mail Router", "HTTP",
-                           "FTP",       "DBMS",       "DHCP", "DNS",  "Alert Daemon", "Undefined"};
-    for (int32_t category = 0; category <= 12; category++) {
-        cm_alert_notify(ctx.get(), category, "subject", longer.c_str());
-        EXPECT_EQ(seen.back(), std::string(names[category]) + "|subject|" + longer + end);
-    }
-    cm_alert_notify(ctx.get(), -1, nullptr, nullptr);
-    EXPECT_EQ(seen.back(), "Undefined||" + end);
-    alert(ctx.get(), "listener", "port %d", 80);
-    EXPECT_EQ(seen.back(), "Networking|listener|port 80" + end);
-    ctx->net_table = nullptr;
-    EXPECT_EQ(cm_alert_register(ctx.get(), 1, 2), 1);
-    EXPECT_EQ(cm_alert_deregister(ctx.get()), 1);
-    seen.clear();
-    ctx->alert_handler = alert_again;  // comes to an end each time
-    for (size_t calls : {5u, 10u}) {
-        cm_alert_notify(ctx.get(), 1, "first", "alert");
-        EXPECT_EQ(seen.size(), calls);
-    }
-}
+};
+SCENARIOS(AlertSteps, Alerts, "core/alerts");
 
 TEST_F(LogTest, AlertsNeedMemoryAndAMutex) {
     EXPECT_EQ(cm_create_mutex(ctx.get(), &ctx->file_mutex), 1);

@@ -4,8 +4,8 @@
 
 #include "core/cmblocks.h"
 #include "core/cmmemory.h"
-#include "support/data.h"
 #include "support/failures.h"
+#include "support/scenario.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
@@ -13,9 +13,7 @@
 
 namespace {
 
-using cm::test::captured_standard_error;
-using cm::test::Faults;
-using cm::test::LeakCheck;
+using namespace cm::test;
 
 struct PoolDeleter {
     void operator()(cm_mem_pool *pool) const { cm_mem_exit(pool); }
@@ -28,39 +26,85 @@ Pool make_pool(uint32_t block_size) {
     return Pool(pool);
 }
 
-std::string message(const std::string &text) {
-    return "Tilvar Server Error: " + text + "\n";
-}
+const std::string kPrefix = "Tilvar Server Error: ";
+const std::string kNoBlock = kPrefix + "cm__mem_getblock() Failure allocating memory block.\n";
+const std::string kCorrupt = kPrefix + "cm_mem_exit() The memory handle provided is corrupt.\n";
 
-const std::string kBadAlloc = message("cm_mem_alloc() The memory handle provided is invalid.");
-const std::string kNoBlock = message("cm__mem_getblock() Failure allocating memory block.");
-const std::string kCorrupt = message("cm_mem_exit() The memory handle provided is corrupt.");
-
-// "1" or "-" for a piece, then the block size and how much is used, of which total, in how many blocks.
-std::string state_of(const cm_mem_pool &pool, bool allocated) {
-    int blocks = 0;
-    for (const cm_mem_block *block = pool.current; block != nullptr; block = block->next) blocks++;
-    std::string text = allocated ? "1" : "-";
-    for (const int64_t number :
-         {int64_t{pool.block_size}, int64_t{pool.used}, int64_t{int32_t(pool.total)}, int64_t{blocks}})
-        text += " " + std::to_string(number);
-    return text;
-}
-
-TEST(Pool, RoundsRaisesItsBlockSizeAndStopsAtItsLimit) {
-    Pool pool;
-    for (const cm::test::Row &row : cm::test::rows("core/pools")) {
-        const auto number = static_cast<uint32_t>(row.number(1));
-        bool allocated = false;
-        const auto step = [&] {
-            if (row[0] == "new") pool = make_pool(number);
-            if (row[0] == "limit") pool->limit = number;
-            if (row[0] == "alloc") allocated = cm_mem_alloc(pool.get(), number) != nullptr;
-        };
-        EXPECT_EQ(captured_standard_error(step), "");
-        EXPECT_EQ(state_of(*pool, allocated), row[2]) << row.where;
+// The steps of data/pools.txt.
+struct Pools : World {
+    explicit Pools(const Row &) {
+        on("new", [this](auto &words) {
+            cm_mem_exit(pool);
+            return said([&] { return cm_mem_init(nullptr, &pool, size(words)); });
+        });
+        on("limit", [this](auto &words) { pool->limit = size(words); });
+        on("alloc", [this](auto &words) { return said([&] { return cm_mem_alloc(pool, size(words)) != nullptr; }); });
+        on("state", [this](auto &) {
+            const auto blocks = [](const cm_mem_block *block) {
+                int count = 0;
+                for (; block != nullptr; block = block->next) count++;
+                return std::to_string(count);
+            };
+            return std::to_string(pool->block_size) + " " + std::to_string(pool->used) + " " +
+                   std::to_string(static_cast<int32_t>(pool->total)) + " " + blocks(pool->current);
+        });
+        on("damaged", [this](auto &words) {
+            const cm_mem_pool saved = *pool;
+            const cm_mem_block saved_block = *pool->current;
+            const std::string field = words[0];
+            if (field == "magic") pool->magic = 0x1234;
+            if (field == "size") pool->block_size = pool->current->size = 31;
+            if (field == "block-size") pool->block_size += 32;
+            if (field == "used") pool->used = pool->block_size + 1;
+            if (field == "payload") pool->payload = nullptr;
+            if (field == "current") pool->current = nullptr;
+            if (field == "block-used") pool->current->used = pool->current->size + 1;
+            if (field == "block-magic") pool->current->magic = 0;
+            const std::string result = run(words.from(1));
+            *pool = saved;
+            *saved.current = saved_block;
+            return result;
+        });
+        on("exit", [this](auto &) { return said([&] { return cm_mem_exit(pool); }); });
+        on("recycled", [this](auto &) {
+            cm_mem_pool *const before = pool;
+            return cm_mem_init(nullptr, &pool, 64) == 1 && pool == before;
+        });
+        on("none", [this](auto &) { pool = nullptr; });
+        on("text", [this](auto &words) {
+            char *stored = const_cast<char *>("old");
+            int32_t length = 99;
+            const std::string text = words.rest(1);
+            const int16_t done = cm_mem_savestr(pool, text == "-" ? nullptr : text.c_str(),
+                                                static_cast<int32_t>(words.number(0)), &stored, &length);
+            EXPECT_EQ(length, stored == nullptr ? 0 : static_cast<int32_t>(strlen(stored)));
+            return done == 0 ? "refused" : stored == nullptr ? "(none)" : stored;
+        });
+        on("bytes", [this](auto &words) -> std::string {
+            auto *bytes = reinterpret_cast<unsigned char *>(1);
+            int32_t length = -1;
+            const int16_t done = cm_mem_savebin(pool, words[1] == "-" ? nullptr : words.text(1),
+                                                static_cast<int32_t>(words.number(0)), &bytes, &length);
+            if (bytes == nullptr) return done == 0 ? "refused" : "(none)";
+            const std::string text(bytes, bytes + length);
+            cm_mem_free(pool, bytes);
+            return text;
+        });
     }
-}
+    ~Pools() { cm_mem_exit(pool); }
+
+    static uint32_t size(const Words &words) { return static_cast<uint32_t>(words.number(0)); }
+    // 1 or 0, and the message without what stands before each.
+    template <class Call>
+    std::string said(Call call) {
+        std::string result;
+        const std::string text = captured_standard_error([&] { result = std::to_string(call()); });
+        return text.empty() ? result : result + " " + text.substr(kPrefix.size());
+    }
+
+    cm_mem_pool *pool = nullptr;
+};
+SCENARIOS(PoolSteps, Pools, "core/pools");
 
 TEST(Pool, PiecesLieEndToEndZeroedWithAGuardBehindEach) {
     const Pool pool = make_pool(96);
@@ -80,48 +124,6 @@ TEST(Pool, PiecesLieEndToEndZeroedWithAGuardBehindEach) {
 #endif
 }
 
-TEST(Pool, DamagedHandleIsReported) {
-    void (*const damages[])(cm_mem_pool & pool) = {
-        [](cm_mem_pool &pool) { pool.magic = 0x1234; },
-        [](cm_mem_pool &pool) { pool.block_size = pool.current->size = 31; },
-        [](cm_mem_pool &pool) { pool.block_size += 32; },
-        [](cm_mem_pool &pool) { pool.used = pool.block_size + 1; },
-        [](cm_mem_pool &pool) { pool.payload = nullptr; },
-        [](cm_mem_pool &pool) { pool.current = nullptr; },
-        [](cm_mem_pool &pool) { pool.current->used = pool.current->size + 1; },
-        [](cm_mem_pool &pool) { pool.current->magic = 0; },
-    };
-    for (const auto &damage : damages) {
-        const Pool pool = make_pool(64);
-        const cm_mem_pool saved = *pool;
-        const cm_mem_block saved_block = *pool->current;
-        damage(*pool);
-        EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_alloc(pool.get(), 8), nullptr); }), kBadAlloc)
-            << &damage - damages;
-        *pool = saved;
-        *pool->current = saved_block;
-        EXPECT_NE(cm_mem_alloc(pool.get(), 8), nullptr);
-    }
-}
-
-TEST(Pool, SecondReleaseAndCorruptPoolsAreReported) {
-    cm_mem_pool *pool = make_pool(64).release();
-    const cm_mem_pool saved = *pool;
-    pool->payload = nullptr;
-    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_exit(pool), 0); }), kCorrupt);
-    *pool = saved;
-    EXPECT_NE(cm_mem_alloc(pool, 8), nullptr) << "it was not freed";
-    EXPECT_EQ(cm_mem_exit(pool), 1);
-    EXPECT_EQ(captured_standard_error([&] {
-                  EXPECT_EQ(cm_mem_exit(pool), 0);
-                  EXPECT_EQ(cm_mem_alloc(pool, 8), nullptr);
-                  EXPECT_EQ(cm_mem_exit(nullptr), 0);
-              }),
-              message("cm_mem_exit() The memory handle provided is invalid.") + kBadAlloc);
-    const Pool next = make_pool(64);
-    EXPECT_EQ(next.get(), pool) << "handles are recycled";
-}
-
 TEST(Pool, ReleaseStopsAtTheFirstCorruptBlock) {
     LeakCheck leaks;
     cm_mem_pool *pool = make_pool(28).release();
@@ -134,25 +136,6 @@ TEST(Pool, ReleaseStopsAtTheFirstCorruptBlock) {
 }
 
 TEST(Pool, EveryFailureOfMemoryIsReportedAndLosesNothing) {
-    auto quiet = std::make_unique<cm_context>();
-    quiet->trace_level = CM_FATAL;
-    EXPECT_EQ(captured_standard_error([&] {
-                  cm_mem_pool *pool = reinterpret_cast<cm_mem_pool *>(1);
-                  EXPECT_EQ(cm_mem_init(nullptr, &pool, 0), 0);
-                  EXPECT_EQ(pool, nullptr);
-                  EXPECT_EQ(cm_mem_init(quiet.get(), &pool, 0), 0) << "the owner's level decides what is reported";
-              }),
-              message("cm_mem_init() An invalid memory block size was specified."));
-    for (const uint32_t absurd : {0x7FFFFFF0u, UINT32_MAX - 34, UINT32_MAX}) {
-        const Pool pool = make_pool(64);
-        cm_mem_pool *none = nullptr;
-        EXPECT_EQ(captured_standard_error([&] {
-                      EXPECT_EQ(cm_mem_alloc(pool.get(), absurd), nullptr);
-                      EXPECT_NE(cm_mem_alloc(pool.get(), 28), nullptr);
-                      EXPECT_EQ(cm_mem_init(nullptr, &none, absurd), 0);
-                  }),
-                  kNoBlock + kNoBlock);
-    }
     bool ok = true;
     std::string told;
     const auto use_pool = [&] {
@@ -168,7 +151,7 @@ TEST(Pool, EveryFailureOfMemoryIsReportedAndLosesNothing) {
         }
         EXPECT_EQ(cm_mem_exit(pool), 1);
     };
-    cm::test::each_failure(
+    each_failure(
         Faults::kAllocations,
         [&] {
             cm::blocks::trim();
@@ -179,9 +162,6 @@ TEST(Pool, EveryFailureOfMemoryIsReportedAndLosesNothing) {
             EXPECT_NE(ok, injected);
             EXPECT_EQ(told, ok ? "" : kNoBlock);
         });
-    Faults faults(Faults::kAllocations, 1);
-    EXPECT_EQ(captured_standard_error([] { EXPECT_EQ(cm_mem_alloc(nullptr, 8), nullptr); }),
-              message("cm_mem_alloc() Failure allocating memory block."));
 }
 
 TEST(Pool, HandlesThatCannotBeMadeAreReported) {
@@ -195,54 +175,21 @@ TEST(Pool, HandlesThatCannotBeMadeAreReported) {
             EXPECT_EQ(cm_mem_init(nullptr, &pool, 32), 0);
         });
     }
-    EXPECT_EQ(told, message("Failure allocating memory block."));
+    EXPECT_EQ(told, kPrefix + "Failure allocating memory block.\n");
 }
 
-TEST(Pool, TextsAreCopiedAndEmptyOnesAreNone) {
+TEST(Pool, TextsOfAContextComeFromItsPool) {
     const Pool pool = make_pool(256);
-    const struct {
-        const char *text;
-        int32_t length;
-        const char *stored;
-    } rows[] = {{"abc", CM_LEN_TEXT, "abc"}, {"abc", 2, "ab"},      {"", CM_LEN_TEXT, nullptr},     {"abc", 0, nullptr},
-                {"abc", -1, nullptr},        {nullptr, 5, nullptr}, {nullptr, CM_LEN_TEXT, nullptr}};
-    char *stored = nullptr;
-    for (const auto &row : rows) {
-        int32_t length = 99;
-        stored = const_cast<char *>("old");
-        EXPECT_EQ(cm_mem_savestr(pool.get(), row.text, row.length, &stored, &length), 1);
-        EXPECT_STREQ(stored, row.stored);
-        EXPECT_EQ(length, row.stored == nullptr ? 0 : static_cast<int32_t>(strlen(row.stored)));
-    }
-    auto ctx = std::make_unique<cm_context>();
+    auto ctx = std::make_unique<cm_context>(), quiet = std::make_unique<cm_context>();
     ctx->common_pool = pool.get();
     const char *text = nullptr;
     int32_t length = 0;
     EXPECT_TRUE(cm::shared_text(ctx.get(), "abc", 2, &text, &length));
     EXPECT_STREQ(text, "ab");
-    EXPECT_EQ(pool->used, 96u) << "shared texts come from the context's pool";
-    Faults faults(Faults::kAllocations, 1);
-    captured_standard_error([&] { EXPECT_EQ(cm_mem_savestr(nullptr, "x", 1, &stored, nullptr), 0); });
-    EXPECT_EQ(stored, nullptr);
-}
-
-TEST(Pool, HexadecimalPairsBecomeBytes) {
-    for (const cm::test::Row &row : cm::test::rows("core/hex")) {
-        for (const bool pooled : {true, false}) {
-            const Pool pool = make_pool(64);
-            cm_mem_pool *const from = pooled ? pool.get() : nullptr;
-            unsigned char *bytes = nullptr;
-            int32_t length = -1;
-            const bool taken = cm_mem_savebin(from, row.text(0), CM_LEN_TEXT, &bytes, &length) == 1;
-            EXPECT_EQ(bytes != nullptr, taken) << row.where;
-            EXPECT_EQ(taken ? std::string(bytes, bytes + length) : "refused", row[1]) << row.where;
-            cm_mem_free(from, bytes);
-        }
-    }
-    unsigned char *bytes = reinterpret_cast<unsigned char *>(1);
-    EXPECT_EQ(cm_mem_savebin(nullptr, nullptr, 4, &bytes, nullptr), 1);
-    EXPECT_EQ(bytes, nullptr);
-    EXPECT_EQ(cm_mem_savebin(nullptr, "41", -7, &bytes, nullptr), 0);
+    EXPECT_EQ(pool->used, 32u);
+    quiet->trace_level = CM_FATAL;
+    cm_mem_pool *none = nullptr;
+    EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(cm_mem_init(quiet.get(), &none, 0), 0); }), "");
 }
 
 // ---- kept blocks ---------------------------------------------------------------------------------------------------
