@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <new>
 
 #include "posix.h"
@@ -26,9 +27,9 @@ namespace cm::platform {
 // names nobody else as long as there is a record.
 struct Process {
     pid_t id = -1;
-    bool killed = false;
-    bool gone = false;  // somebody else took the zombie: the number may be a stranger's by now
-    int handle = -1;    // readable once the child has ended; -1: not to be had, so it is asked for now and then
+    std::atomic<bool> killed = false;  // by any thread, while others wait
+    std::atomic<bool> gone = false;    // somebody else took the zombie: the number may be a stranger's by now
+    int handle = -1;  // readable once the child has ended; -1: not to be had, so it is asked for now and then
     Process *next = nullptr;
 };
 

@@ -3,13 +3,15 @@
 
 #include <io.h>
 
+#include <atomic>
+
 namespace cm::platform {
 
 struct Process {
     HANDLE handle;
     HANDLE job;
     DWORD id;
-    bool killed;  // about to go: the wait for it lasts even when the thread was asked to end
+    std::atomic<bool> killed;  // about to go: the wait for it lasts even when the thread was asked to end
 };
 
 namespace system {

@@ -118,6 +118,7 @@ TEST_F(DialUp, WithoutTheSettingAndAStartThatFails) {
     EXPECT_EQ(cm_ras_checkstatus(lib), 0);
     EXPECT_EQ(take_calls(), "");
     EXPECT_EQ(tasks(lib), 0);
+    end_threads(lib);
     lib.ctx()->flags |= CTX_DIAL_ON_DEMAND;
     int16_t started = 0;
     each_failure(
