@@ -20,6 +20,8 @@ using namespace win32;
 
 namespace {
 
+constexpr int64_t kRestMs = 1000;
+
 // Inheritable copies of the three handles.
 class Inherited {
 public:
@@ -82,6 +84,23 @@ private:
     bool made_ = false, ok_ = false;
 };
 
+bool has_members(HANDLE job) {
+    JOBOBJECT_BASIC_ACCOUNTING_INFORMATION found = {};
+    return job != nullptr &&
+           QueryInformationJobObject(job, JobObjectBasicAccountingInformation, &found, sizeof found, nullptr) &&
+           found.ActiveProcesses > 0;
+}
+
+// Those of the job that end with the child (all of them after a kill, its console's host otherwise) end a little later
+// and hold its files until then.  A grandchild that stays is left alone.
+void wait_for_rest(const Process *process, int32_t timeout_ms, int64_t start) {
+    const int64_t end = start + (timeout_ms < 0 ? INT32_MAX : timeout_ms);
+    for (const int64_t most = monotonic_ms() + kRestMs; has_members(process->job) && monotonic_ms() < end;) {
+        if (!process->killed && (monotonic_ms() >= most || thread_asked())) return;
+        Sleep(1);
+    }
+}
+
 }  // namespace
 
 Error process_start(const char *command, const char *directory, const int32_t standard[3], Process **out_process) {
@@ -124,6 +143,7 @@ Error process_start(const char *command, const char *directory, const int32_t st
 
 bool process_wait(Process *process, int32_t timeout_ms, int32_t *out_exit_code) {
     const DWORD limit = timeout_ms < 0 ? INFINITE : static_cast<DWORD>(timeout_ms);
+    const int64_t start = monotonic_ms();
     const Thread *thread = self();
     const bool may_be_asked = thread != nullptr && !process->killed;
     const HANDLE handles[2] = {process->handle, may_be_asked ? thread->ask : nullptr};
@@ -131,6 +151,7 @@ bool process_wait(Process *process, int32_t timeout_ms, int32_t *out_exit_code) 
     DWORD code = 0;
     GetExitCodeProcess(process->handle, &code);
     if (out_exit_code != nullptr) *out_exit_code = static_cast<int32_t>(code);
+    wait_for_rest(process, timeout_ms, start);
     return true;
 }
 

@@ -445,6 +445,7 @@ bool socket_all_confirmed(cm_socket) {
 }
 
 Error socket_raw_option(cm_socket socket, int32_t level, int32_t option, const void *value, int32_t length) {
+    if (length < 0) return CM_EINVAL;  // not all implementations look at it
     return setsockopt(native(socket), level, option, static_cast<const char *>(value), length) == 0 ? 0 : net_error();
 }
 

@@ -60,7 +60,7 @@ int print_signals() {
     std::ifstream status("/proc/self/status");
     std::string field, mask;
     unsigned long long odd = 0;
-    while (status >> field)
+    while (!cm::platform::kFoldsPathCase && status >> field)
         if ((field == "SigBlk:" || field == "SigIgn:") && status >> mask)
             odd |= strtoull(mask.c_str(), nullptr, 16) & 0x7FFFFFFF;  // without those of the C library
     return fprintf(out, odd == 0 ? "default\n" : "%llx\n", odd) < 0;
