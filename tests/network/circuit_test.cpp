@@ -1,4 +1,4 @@
-// Relaying between two connections.
+// Relaying between a connection with TLS and one without.
 #include "net.h"
 #include "net/transport.h"
 
@@ -6,40 +6,6 @@ using namespace cm::test;
 using cm::net::TlsRead;
 
 namespace {
-
-class Circuit : public testing::Test {
-protected:
-    void start(int32_t timeout = 20) {  // relays on a thread of its own
-        thread_ = std::thread([=, this] { result_ = cm_net_circuit(net_.state, client_.conn, server_.conn, timeout); });
-    }
-    int16_t join() {
-        thread_.join();
-        return result_;
-    }
-
-    Net net_;
-    Link client_{net_, 20, "127.0.0.2"}, server_{net_, 20, "127.0.0.3"};
-    std::thread thread_;
-    int16_t result_ = -1;
-};
-
-TEST_F(Circuit, RelaysUntilASideCloses) {
-    char text[8];
-    ASSERT_EQ(cm_net_trace(net_.lib, CM_NTRACE_PACKETS), 1);
-    ASSERT_TRUE(client_.peer.send("CONNECT\nhello"));
-    ASSERT_EQ(cm_net_getarg(net_.state, client_.conn, 0, 0, text, sizeof text - 1, nullptr), 1);
-    ASSERT_EQ(cm_net_putdata(net_.state, client_.conn, "200 ", 4, 0), 1);
-    start();
-    EXPECT_EQ(server_.peer.receive(5), "hello");
-    EXPECT_TRUE(server_.peer.send("welcome"));
-    EXPECT_EQ(client_.peer.receive(11), "200 welcome");
-    server_.peer.close();
-    EXPECT_EQ(join(), 1);
-    EXPECT_TRUE(net_.closed(server_.conn));
-    EXPECT_TRUE(net_.send(client_.conn, ".")) << "it goes on";
-    EXPECT_NE(net_.trace().find("\nREQUEST 127.0.0.2 -> 127.0.0.3\n"), std::string::npos);
-    EXPECT_NE(net_.trace().find("\nRESPONSE  127.0.0.3 -> 127.0.0.2\n"), std::string::npos);
-}
 
 // Stands in for TLS: a first record of eight bytes without data, then one byte a read.
 bool pending(cm_net_state *, cm_conn *conn) {
@@ -60,48 +26,24 @@ bool write_all(cm_net_state *, cm_conn *conn, const void *data, int32_t length) 
     return os.socket_send(*conn->sock, &slice, 1, false, &count) == 0 && count == slice.length;
 }
 
-TEST_F(Circuit, RelaysBetweenTlsAndPlain) {
+TEST(Relay, BetweenTlsAndPlain) {
     cm::net::Transport bytes = {};
     bytes.pending = pending;
     bytes.read = read_byte;
     bytes.write = write_all;
     cm::net::transport = &bytes;
-    cm::set_bits_relaxed(server_.conn->flags, uint32_t{CM_CONN_TLS});
-    start();
-    EXPECT_TRUE(server_.peer.send("(ticket)"));
-    EXPECT_TRUE(client_.peer.send("question"));
-    EXPECT_EQ(server_.peer.receive(8), "question");
-    EXPECT_TRUE(server_.peer.send("an answer"));
-    EXPECT_EQ(client_.peer.receive(9), "an answer");
-    server_.peer.close();
-    EXPECT_EQ(join(), 1);
+    Net net;
+    Link client(net), server(net);
+    cm::set_bits_relaxed(server.conn->flags, uint32_t{CM_CONN_TLS});
+    std::thread circuit([&] { EXPECT_EQ(cm_net_circuit(net.state, client.conn, server.conn, 20), 1); });
+    EXPECT_TRUE(server.peer.send("(ticket)"));
+    EXPECT_TRUE(client.peer.send("question"));
+    EXPECT_EQ(server.peer.receive(8), "question");
+    EXPECT_TRUE(server.peer.send("an answer"));
+    EXPECT_EQ(client.peer.receive(9), "an answer");
+    server.peer.close();
+    circuit.join();
     cm::net::transport = nullptr;
-}
-
-// Two peers that write everything before they read anything; then the network ends.
-TEST_F(Circuit, NoDirectionHoldsUpTheOther) {
-    const std::string to_server(16000000, 'a'), to_client(16000000, 'b');
-    start();
-    std::thread writer([&] { EXPECT_TRUE(server_.peer.send(to_client)); });
-    std::thread reader([&] { EXPECT_TRUE(server_.peer.receive(to_server.size()) == to_server); });
-    EXPECT_TRUE(client_.peer.send(to_server));
-    EXPECT_TRUE(client_.peer.receive(to_client.size()) == to_client);
-    writer.join();
-    reader.join();
-    cm_net_closeall(net_.state);
-    EXPECT_EQ(join(), 0);
-}
-
-TEST_F(Circuit, EndsWhenNothingMoves) {
-    EXPECT_EQ(cm_net_circuit(net_.state, client_.conn, server_.conn, 0), 0);
-    EXPECT_EQ(cm_net_circuit(net_.state, client_.conn, client_.conn, 1), 0);
-    ASSERT_EQ(os.socket_option(client_.peer.socket(), cm::platform::SocketOption::kSendTimeout, 100), 0);
-    start(1);
-    while (client_.peer.send(std::string(65536, 'x'))) {
-    }
-    EXPECT_EQ(join(), 0);
-    EXPECT_GT(server_.conn->out_count, 0) << "what the server did not take stays in its buffer";
-    EXPECT_EQ(server_.conn->out_buf[0], 'x');
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -31,6 +32,23 @@ inline int32_t threads(cm_context *ctx) {
     cm_release_mutex(ctx->thread_mutex);
     return count;
 }
+
+// What the system tells about this host, and about names.
+struct Host {
+    std::string name = "box";
+    Error error = 0;
+    std::map<std::string, std::vector<uint32_t>> addresses = {{"box", {address_of("10.0.0.1")}}};
+    const Replace<&Table::host_name> host_name{[this](char *out, size_t size) {
+        if (error == 0) cm_strncpy(out, name.c_str(), static_cast<int32_t>(size));
+        return error;
+    }};
+    const Replace<&Table::host_by_name> by_name{[this](const char *asked, uint32_t out[4], int32_t *count) -> Error {
+        const std::vector<uint32_t> &found = addresses[asked];
+        std::copy(found.begin(), found.end(), out);
+        *count = static_cast<int32_t>(found.size());
+        return found.empty() ? 11001 : 0;
+    }};
+};
 
 class Net {
 public:

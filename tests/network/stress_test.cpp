@@ -19,8 +19,8 @@ constexpr int kConnections = 2000;
 constexpr int kConnections = 10000;
 #endif
 
-// Clients come faster than the table lets them in; each is answered in the end.  Without linger, since on some systems a
-// close that lingers takes 40 ms, and one comes after the other.
+// Clients come faster than the table lets them in; each is answered in the end.  Without linger, since on some systems
+// a close that lingers takes 40 ms, and one comes after the other.
 TEST(Stress, ThousandsOfConnectionsThroughATableOfThreeHundred) {
     Net net("Maximum Connections = 300\nLinger Close = false");
     cm_conn *listener = nullptr;

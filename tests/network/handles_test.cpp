@@ -1,0 +1,119 @@
+// Handles and what is sent over them, where a step of a scenario would not do.
+#include "net.h"
+
+using namespace cm::test;
+using cm::platform::Slice;
+
+namespace {
+
+cm_conn *take(Net &net) {
+    return cm::net::take_handle(net.state, 7, true);
+}
+
+TEST(Table, AHandleIsClearedAndKeepsItsCell) {
+    Net net;
+    cm_conn *first = take(net);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first->read_timeout, 7u);
+    EXPECT_EQ(*first->sock, -1);
+    cm_socket *const cell = first->sock;
+    const uint32_t serial = first->serial;
+    first->in_buf[0] = first->in_buf[CM_NET_IN_SIZE - 1] = first->out_buf[CM_NET_STAGE_ALLOC - 1] = 'x';
+    first->peer_host[3] = 'y';
+    first->in_count = first->out_count = first->tls_alg_bits = 5;
+    EXPECT_EQ(cm_net_close(net.state, first, 0), 1);
+    EXPECT_TRUE(net.closed(first));
+    EXPECT_EQ(net.open(), 0);
+
+    cm_conn *again = take(net);
+    ASSERT_EQ(again, first);
+    EXPECT_EQ(again->sock, cell);
+    EXPECT_GT(again->serial, serial);
+    EXPECT_EQ(again->flags, 0u);
+    EXPECT_EQ(again->in_buf[0] + again->in_buf[CM_NET_IN_SIZE - 1] + again->out_buf[CM_NET_STAGE_ALLOC - 1], 0);
+    EXPECT_EQ(again->peer_host[3] + again->in_count + again->out_count + again->tls_alg_bits, 0);
+    EXPECT_EQ(cm_net_close(net.state, nullptr, 1), 1);
+}
+
+TEST(Table, AFullTableWaitsInStepsOfASecondUntilAHandleIsClosed) {
+    Net net("Maximum Connections = 2");
+    cm_conn *a = take(net);
+    take(net);
+    {
+        const Replace<&Table::sleep> asked_to_end([](int32_t) { return false; });
+        EXPECT_EQ(take(net), nullptr);
+    }
+    std::vector<int32_t> sleeps;
+    {
+        const Replace<&Table::sleep> sleep([&](int32_t milliseconds) {
+            sleeps.push_back(milliseconds);
+            if (sleeps.size() == 2) cm::store_relaxed(net.state->shutting_down, int16_t{1});  // does not end the wait
+            if (sleeps.size() == 3) cm_net_close(net.state, a, 0);
+            return true;
+        });
+        EXPECT_EQ(take(net), a);
+    }
+    EXPECT_EQ(sleeps, (std::vector<int32_t>{1000, 1000, 1000}));
+    EXPECT_EQ(take(net), nullptr);  // the flag is looked at before the wait
+    cm::store_relaxed(net.state->shutting_down, int16_t{0});
+    std::thread waiter([&] { EXPECT_EQ(take(net), nullptr); });  // which ends with the network, too
+    ASSERT_TRUE(eventually([&] { return cm::load_relaxed(net.state->users) == 2; }));
+    net.stop();
+    waiter.join();
+}
+
+TEST(Table, BytesThatThePeerDoesNotTakeAreNotConfirmed) {
+    Net net;
+    Link link(net);
+    ASSERT_EQ(os.socket_set_blocking(*link.conn->sock, false), 0);
+    const std::string block(1 << 20, 'x');
+    const Slice slice = {block.data(), block.size()};
+    for (size_t sent = 0; os.socket_send(*link.conn->sock, &slice, 1, false, &sent) == 0;) {
+    }
+    EXPECT_FALSE(os.socket_all_confirmed(*link.conn->sock));
+    link.peer.reset();
+}
+
+TEST(Send, ManySlicesArriveInOrderThroughShortSends) {
+    Net net;
+    Link link(net);
+    std::string expected;
+    Strings texts;
+    for (size_t i = 0; i < 40; i++) expected += texts.emplace_back(i % 7, static_cast<char>('a' + i % 26));
+    std::vector<Slice> slices;
+    for (const std::string &text : texts) slices.push_back({text.data(), text.size()});
+    int calls = 0;
+    const auto real = os.socket_send;
+    const Replace<&Table::socket_send> short_send(
+        [&](cm_socket socket, const Slice *now, int32_t count, bool more, size_t *out) -> Error {
+            if (++calls % 5 == 0) return CM_EWOULDBLOCK;
+            const Slice some = {now[0].data, std::min<size_t>(now[0].length, 3)};
+            return calls % 2 == 0 ? real(socket, now, count, more, out) : real(socket, &some, 1, more, out);
+        });
+    EXPECT_TRUE(cm::net::send_slices(net.state, link.conn, slices.data(), 40, false));
+    EXPECT_EQ(link.peer.receive(expected.size()), expected);
+    EXPECT_EQ(link.conn->bytes_sent, expected.size());
+}
+
+TEST(Send, PartsOfFiles) {
+    for (const char *settings : {"", "Network Trace Level = PACKETS"}) {  // by the system's call, and piece by piece
+        Net net(settings);
+        Link link(net);
+        std::string bytes, got;
+        for (int i = 0; i < 300000; i++) bytes += static_cast<char>('a' + i % 23);
+        const std::string path = net.lib.folder().write("big.bin", bytes);
+        int32_t descriptor = -1;
+        ASSERT_EQ(os.file_open(path.c_str(), CM_O_RDONLY | CM_O_BINARY, &descriptor), 0);
+        std::thread reader([&] { got = link.peer.receive(); });
+        EXPECT_TRUE(cm::net::send_file(net.state, link.conn, descriptor, 1000, 250000));
+        EXPECT_TRUE(cm::net::send_file(net.state, link.conn, descriptor, 0, 0));
+        EXPECT_EQ(link.conn->bytes_sent, 250000u);
+        EXPECT_FALSE(cm::net::send_file(net.state, link.conn, descriptor, 299990, 20));  // shorter than that
+        cm_net_close(net.state, link.conn, 0);
+        reader.join();
+        os.file_close(descriptor);
+        EXPECT_TRUE(got == bytes.substr(1000, 250000) + bytes.substr(299990));
+    }
+}
+
+}  // namespace
