@@ -1,7 +1,4 @@
 // Commands of the schedule as processes: their streams, their names, their end.
-#include <filesystem>
-#include <fstream>
-
 #include "scheduler.h"
 #include "support/failures.h"
 #include "support/replace.h"
@@ -13,19 +10,6 @@ using cm::platform::Table;
 using std::string;
 
 namespace {
-
-const string kChild = "\"" + child_program() + "\" ";
-
-// The children of this process that have not been reaped, where the system tells.
-string children() {
-    string all;
-    std::error_code none;
-    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task", none)) {
-        std::ifstream file(task.path() / "children");
-        for (string id; file >> id;) all += id + " ";
-    }
-    return all;
-}
 
 struct Commands : testing::Test {
     LeakCheck leaks;
@@ -45,34 +29,6 @@ struct Commands : testing::Test {
         return cm__cron_usertask(library, "task", reinterpret_cast<cm_value>(command.c_str()));
     }
 };
-
-TEST_F(Commands, Outcomes) {
-    os.network_start();  // ignores a signal, which the children must not
-    const struct {
-        string command;
-        int16_t result;
-        Strings log;  // behind the heading
-    } rows[] = {{kChild + "print x", 1, {}},
-                {kChild + "exit 7", 1, {}},
-                {kChild + "error oops", 1, {"oops"}},
-                {kChild + "errors print one \"two words\"", 1, {"[one]", "[two words]"}},
-                {kChild + "errors echo", 1, {}},
-                {kChild + "errors descriptors", 1, {"3"}},
-                {kChild + "errors signals", 1, {"default"}},
-                {kChild + "errors folder", 1, {std::filesystem::canonical(folder.path()).generic_string()}},
-                {"no_such_program x", 0, {"ERROR: CRON failed (CreateProcess): no_such_program x [2]"}}};
-    for (const auto &row : rows) {
-        const size_t before = library.log().size();
-        EXPECT_EQ(run(row.command), row.result) << row.command;
-        Strings expected = row.log, log = library.log();
-        if (row.result == 1 && !expected.empty())
-            expected.insert(expected.begin(), "CRON " + row.command + " stderr...");
-        log.erase(log.begin(), log.begin() + static_cast<ptrdiff_t>(before));
-        EXPECT_EQ(log, expected);
-        EXPECT_EQ(folder.names("tmp"), Strings{});
-    }
-    EXPECT_EQ(cm__cron_usertask(library, "task", 0), 0);
-}
 
 // The connection of a child, and whether the child has gone.
 cm_socket accepted(const BareSocket &listener) {

@@ -59,157 +59,119 @@ std::set<int> plain_set(int low, int high, int step, int count) {
     return set;
 }
 
-TEST(Field, EveryRangeAndStep) {
-    for (const auto &[name, field] : kFields)
+// All that one item can be: numbers and names, alone and as ranges, with each step; and each one in a list.
+TEST(Field, EveryValidItem) {
+    for (const auto &[kind, field] : kFields) {
+        string other_text = to_string(1 - field.offset);
+        std::set<int> other = {1};
+        const auto check = [&](const string &item, const std::set<int> &set) {
+            for (const bool list : {false, true}) {
+                const string text = list ? other_text + "," + item : item;
+                uint8_t flags[60];
+                std::string_view rest(text);
+                ASSERT_TRUE(parse(rest, field, flags) && rest.empty()) << kind << " " << text;
+                for (int i = 0; i < field.count; i++)
+                    ASSERT_EQ(flags[i], set.count(i) > 0 || (list && other.count(i) > 0)) << kind << " " << text;
+            }
+            other_text = item, other = set;
+        };
         for (int low = 0; low < field.count; low++)
             for (int high = 0; high < field.count; high++)
-                for (int step = 1; step <= field.count + 1; step++) {
-                    const string text =
-                        to_string(low - field.offset) + "-" + to_string(high - field.offset) + "/" + to_string(step);
-                    uint8_t flags[60];
-                    std::string_view rest(text);
-                    ASSERT_TRUE(parse(rest, field, flags)) << text;
-                    const std::set<int> expected = plain_set(low, high, step, field.count);
-                    for (int i = 0; i < field.count; i++) ASSERT_EQ(flags[i], expected.count(i)) << name << text << i;
-                }
+                for (int step = 1; step <= field.count + 1; step++)
+                    for (int names = 0; names <= (field.names != nullptr); names++) {
+                        const auto text = [&](int i) { return names ? field.names[i] : to_string(i - field.offset); };
+                        const std::set<int> set = plain_set(low, high, step, field.count);
+                        const string steps = step == 1 ? "" : "/" + to_string(step);
+                        check(text(low) + "-" + text(high) + steps, set);
+                        if (low == high) check(text(low) + steps, set);
+                        if (low == 0 && high == field.count - 1) check("*" + steps, set);
+                    }
+    }
 }
 
-// Tasks with the sets of a plain reading beside them.
-struct Tasks {
-    struct Plain {
-        string text;
-        std::set<int> minute, hour, day, month, weekday;
-    };
-    std::vector<Plain> plain;
-    std::vector<cm_cron_rec> records;
-
-    explicit Tasks(std::vector<Plain> periods) : plain(std::move(periods)), records(plain.size()) {
-        for (size_t i = 0; i < records.size(); i++) {
-            records[i] = {};
-            if (i > 0) records[i - 1].next = &records[i];
-            std::string_view rest(plain[i].text);
-            EXPECT_TRUE(cm::cron::parse_period(rest, cm::cron::sets_of(&records[i]))) << plain[i].text;
-            cm::cron::apply_day_rule(cm::cron::sets_of(&records[i]));
+// A list of tasks with these periods.
+struct Periods {
+    explicit Periods(const Strings &texts) : tasks(texts.size()) {
+        for (size_t i = 0; i < tasks.size(); i++) {
+            tasks[i] = {};
+            if (i > 0) tasks[i - 1].next = &tasks[i];
+            std::string_view rest(texts[i]);
+            EXPECT_TRUE(cm::cron::parse_period(rest, cm::cron::sets_of(&tasks[i]))) << texts[i];
+            cm::cron::apply_day_rule(cm::cron::sets_of(&tasks[i]));
         }
     }
-    explicit Tasks(const char *period) : Tasks(std::vector<Plain>{{period, {}, {}, {}, {}, {}}}) {}
-    Tasks(size_t count, std::mt19937 &random) : Tasks(drawn(count, random)) {}
-
-    void mark(int64_t last, int64_t now) { cm::cron::mark_due(records.data(), last, now); }
-    bool take_due(size_t i = 0) { return std::exchange(records[i].state, cm::cron::kIdle) == cm::cron::kDue; }
-    bool matches(size_t i, const cm_tm &at) const {
-        const Plain &task = plain[i];
-        const bool day = task.day.count(at.mday) > 0, weekday = task.weekday.count(at.wday) > 0;
-        const bool any_day = task.day.size() == 32, any_weekday = task.weekday.size() == 7;
-        return (any_day       ? weekday
-                : any_weekday ? day
-                              : day || weekday) &&
-               task.minute.count(at.min) > 0 && task.hour.count(at.hour) > 0 && task.month.count(at.mon) > 0;
+    string due(int64_t last, int64_t now) {
+        cm::cron::mark_due(tasks.data(), last, now);
+        string text;
+        for (cm_cron_rec &task : tasks)
+            text += std::exchange(task.state, cm::cron::kIdle) == cm::cron::kDue ? 'x' : '-';
+        return text;
     }
-    // One walk over these minutes, beside a look at each of them.
-    void check(int64_t last, int64_t now) {
-        std::vector<bool> expected(records.size());
+    // The same by a look at each minute.
+    string plainly_due(int64_t last, int64_t now) {
+        string text(tasks.size(), '-');
         for (int64_t minute = last / 60 * 60 + 60; minute <= now; minute += 60) {
             cm_tm at;
             os.local_calendar(minute, &at);
-            for (size_t i = 0; i < records.size(); i++) expected[i] = expected[i] || matches(i, at);
+            for (size_t i = 0; i < tasks.size(); i++)
+                if (const cm_cron_rec &task = tasks[i]; (task.day[at.mday] || task.weekday[at.wday]) &&
+                                                        task.minute[at.min] && task.hour[at.hour] && task.month[at.mon])
+                    text[i] = 'x';
         }
-        mark(last, now);
-        for (size_t i = 0; i < records.size(); i++)
-            ASSERT_EQ(take_due(i), expected[i]) << plain[i].text << " from " << last << " to " << now;
+        return text;
     }
-
-private:
-    static std::set<int> draw(string &text, int count, int shown_from, std::mt19937 &random) {
-        const auto below = [&](int limit) { return static_cast<int>(random() % static_cast<unsigned>(limit)); };
-        std::set<int> set;
-        text += text.empty() ? "" : " ";
-        if (below(3) == 0) return text += "*", plain_set(0, count - 1, 1, count);
-        for (int items = below(3); items >= 0; items--) {
-            const int low = below(count), high = below(2) == 0 ? low : below(count), step = 1 + below(3) * below(count);
-            text += to_string(low + shown_from) + "-" + to_string(high + shown_from) + "/" + to_string(step);
-            text += items > 0 ? "," : "";
-            set.merge(plain_set(low, high, step, count));
-        }
-        return set;
-    }
-    static std::vector<Plain> drawn(size_t count, std::mt19937 &random) {
-        std::vector<Plain> periods(count);
-        for (Plain &plain : periods) {
-            plain.minute = draw(plain.text, 60, 0, random);
-            plain.hour = draw(plain.text, 24, 0, random);
-            plain.day = draw(plain.text, 32, 0, random);
-            plain.month = draw(plain.text, 12, 1, random);
-            plain.weekday = draw(plain.text, 7, 0, random);
-        }
-        return periods;
-    }
+    std::vector<cm_cron_rec> tasks;
 };
 
-// A zone five hours west whose clocks go forward on 10 March and back on 3 November 2024, at 2 o'clock.
 constexpr int64_t kNewYear2024 = 1704067200;
-constexpr int64_t kForward = kNewYear2024 + 69 * kDay + 7 * kHour, kBack = kNewYear2024 + 307 * kDay + 6 * kHour;
 
-struct Due : testing::Test {
-    Due() {
-        clock.set_zone(5 * 3600, [](int64_t seconds) { return seconds >= kForward && seconds < kBack; });
-    }
+TEST(Due, AJumpMarksWhatItsMinutesWouldHave) {
+    // Five hours west; its clocks go forward on 10 March and back on 3 November 2024, at 2 o'clock.
     FrozenClock clock;
+    clock.set_zone(5 * 3600, [](int64_t seconds) {
+        return seconds >= kNewYear2024 + 69 * kDay + 7 * kHour && seconds < kNewYear2024 + 307 * kDay + 6 * kHour;
+    });
     std::mt19937 random{1};
-};
-
-TEST_F(Due, EveryMinuteOfAYearWithSummerTime) {
-    Tasks tasks(12, random);
-    for (int64_t minute = kNewYear2024; minute < kNewYear2024 + 366 * kDay; minute += kMinute)
-        tasks.check(minute - kMinute, minute);
-}
-
-TEST_F(Due, AJumpMarksWhatItsMinutesWouldHave) {
+    const auto below = [&](int limit) { return static_cast<int>(random() % static_cast<unsigned>(limit)); };
     for (int round = 0; round < 60; round++) {
+        Strings texts(8);
+        for (string &text : texts)
+            for (const int first_count : {60, 24, 32, 112, 7}) {
+                const int first = first_count / 100, count = first_count % 100, low = below(count);
+                const int high = below(2) == 0 ? low : below(count), step = 1 + below(3) * below(count);
+                text += below(3) == 0 ? "* "
+                                      : to_string(low + first) + "-" + to_string(high + first) + "/" + to_string(step) +
+                                            "," + to_string(below(count) + first) + " ";
+            }
+        Periods periods(texts);
         const int64_t last = kNewYear2024 + static_cast<int64_t>(random() % (360 * kDay));
-        Tasks(8, random).check(last, last + static_cast<int64_t>(random() % (round % 2 == 0 ? 4 * kHour : 12 * kDay)));
+        const int64_t now = last + static_cast<int64_t>(random() % (round % 2 == 0 ? 4 * kHour : 12 * kDay));
+        EXPECT_EQ(periods.due(last, now), periods.plainly_due(last, now)) << last << " to " << now << " " << texts[0];
     }
 }
 
-TEST_F(Due, ADayThatTheZoneLeavesOut) {
-    // A zone that moves to the other side of the date line: after the 29th comes the 31st.
-    constexpr int64_t kMove = 1325239200;  // 2011-12-30 10:00 UTC
+TEST(Due, AClockThatJumpedByTenYearsIsHandledAtOnce) {
+    FrozenClock clock;
     clock.set_zone(0);
-    const auto zoned = os.local_calendar;
-    const Replace<&cm::platform::Table::local_calendar> moving(
-        [&](int64_t seconds, cm_tm *out) { return zoned(seconds + (seconds < kMove ? -10 : 14) * kHour, out); });
-    Tasks tasks("0 0 31 12 *"), never("0 12 30 12 *");
-    tasks.mark(kMove - 2 * kDay, kMove);
-    EXPECT_TRUE(tasks.take_due());
-    never.mark(kMove - 5 * kDay, kMove + 5 * kDay);
-    EXPECT_FALSE(never.take_due());
-}
-
-TEST_F(Due, AClockThatJumpedByYears) {
     int looks = 0;
-    const auto zoned = os.local_calendar;
     const Replace<&cm::platform::Table::local_calendar> counting(
-        [&](int64_t seconds, cm_tm *out) { return looks++, zoned(seconds, out); });
-    std::vector<Tasks::Plain> periods(500, {"0 0 30 2 *", {}, {}, {}, {}, {}});  // never comes
-    periods.resize(999, {"59 23 29 2 *", {}, {}, {}, {}, {}});
-    periods.push_back({"0 0 31 12 *", {}, {}, {}, {}, {}});
-    Tasks tasks(std::move(periods));
-    for (const int64_t last : {kNewYear2024, INT64_C(-62000000000)}) {  // the year 1 is no longer than ten years
-        tasks.mark(last, kNewYear2024 + 3652 * kDay);
-        EXPECT_FALSE(tasks.take_due(0));
-        EXPECT_TRUE(tasks.take_due(500));
-        EXPECT_TRUE(tasks.take_due(999));
-    }
+        [&](int64_t seconds, cm_tm *out) { return looks++, counting.real(seconds, out); });
+    Strings texts(500, "0 0 30 2 *");  // never comes
+    texts.resize(999, "59 23 29 2 *");
+    texts.push_back("0 0 31 12 *");
+    Periods periods(texts);
+    for (const int64_t last : {kNewYear2024, INT64_C(-62000000000)})  // the year 1 is no longer than ten years
+        EXPECT_EQ(periods.due(last, kNewYear2024 + 3652 * kDay), string(500, '-') + string(500, 'x'));
     EXPECT_LT(looks, 40000);  // of more than ten million minutes
-    tasks.mark(kNewYear2024, kNewYear2024 - kDay);
+    EXPECT_EQ(periods.due(kNewYear2024, kNewYear2024 - kDay), string(1000, '-'));
     cm::cron::mark_due(nullptr, 0, kNewYear2024);
 }
 
 TEST(DayRule, RestrictedDaysWin) {
     for (const Row &row : rows("schedule/days")) {
-        const Tasks tasks(row.text(0));
-        EXPECT_EQ(values(tasks.records[0].day, 32), row[1]) << row.where;
-        EXPECT_EQ(values(tasks.records[0].weekday, 7), row[2]) << row.where;
+        const Periods periods({row[0]});
+        EXPECT_EQ(values(periods.tasks[0].day, 32), row[1]) << row.where;
+        EXPECT_EQ(values(periods.tasks[0].weekday, 7), row[2]) << row.where;
     }
 }
 

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -29,27 +31,15 @@ inline cm_cron *scheduler_by_hand(cm_context *ctx) {
     return ctx->cron;
 }
 
-// A started library with such a scheduler.
-struct Scheduler {
-    explicit Scheduler(const char *common = "Trace Level = INFO") : library(common) {}
-
-    void round(int64_t now) { cron::run_round(cron, now); }
-    int16_t add(const char *name, cm_task_fn function, const char *period, int32_t threaded = 0,
-                const char *argument = nullptr) {
-        return cm_cron_task(library, name, function, reinterpret_cast<cm_value>(argument), 101, threaded, period);
-    }
-    static Strings names(const cm_cron_rec *list) {
-        Strings names;
-        for (; list != nullptr; list = list->next) names.push_back(list->name);
-        return names;
-    }
-
-    static constexpr int64_t kStart = 1000000020;  // a whole minute
-    Library library;
-    cm_context *const ctx = library.ctx();
-    cm_cron *const cron = scheduler_by_hand(ctx);
-    const int64_t began_ = cron->last = kStart;
-};
+// Stays for good: threads that nobody joins use the table until their last moment.
+inline FrozenClock &frozen_clock() {
+    static FrozenClock *const clock = [] {
+        auto *made = new FrozenClock;
+        made->set_zone(0);
+        return made;
+    }();
+    return *clock;
+}
 
 inline Strings &ran() {
     static Strings names;
@@ -62,8 +52,33 @@ inline int16_t CM_CALL note(cm_context *, const char *name, cm_value argument) {
     return 1;
 }
 
-inline int16_t CM_CALL fail(cm_context *, const char *, cm_value) {
-    return 0;
+// "periodic 102& [* * * * *] name -> function = argument; ...", without the function when it is that of all commands.
+inline std::string listed(const cm_cron &cron) {
+    std::string text;
+    const std::pair<const char *, cm_cron_rec *> lists[] = {
+        {"periodic ", cron.periodic}, {"startup ", cron.startup}, {"shutdown ", cron.shutdown}};
+    for (const auto &[name, list] : lists)
+        for (const cm_cron_rec *task = list; task != nullptr; task = task->next)
+            text += (text.empty() ? "" : "; ") + (name + std::to_string(task->origin)) +
+                    (task->threaded == 1 ? "& [" : " [") + task->period + "] " + task->name +
+                    (task->function == cm__cron_usertask ? ""
+                     : task->function == note            ? " -> note"
+                                                         : " -> another") +
+                    " = " + (task->argument == 0 ? "" : reinterpret_cast<const char *>(task->argument));
+    return text;
+}
+
+const std::string kChild = "\"" + child_program() + "\" ";
+
+// The children of this process that have not been reaped, where the system tells.
+inline std::string children() {
+    std::string all;
+    std::error_code none;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task", none)) {
+        std::ifstream file(task.path() / "children");
+        for (std::string id; file >> id;) all += id + " ";
+    }
+    return all;
 }
 
 }  // namespace cm::test
