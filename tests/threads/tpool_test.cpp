@@ -1,6 +1,9 @@
 // The thread pool: growth, refusals, dropped jobs, the ends of workers and pools.
+#include <deque>
+
 #include "core/cmblocks.h"
 #include "core/cmtpool.h"
+#include "support/scenario.h"
 #include "threads/host.h"
 
 using namespace cm;
@@ -63,92 +66,69 @@ cm_value value_of(T &object) {
     return reinterpret_cast<cm_value>(&object);
 }
 
-int16_t CM_CALL do_nothing(cm_context *, cm_conn *, cm_thread *, cm_value) {
-    return 0;
-}
+// The steps of data/tpool.txt.
+struct PoolSteps : World {
+    explicit PoolSteps(const Row &head) {
+        const auto number = [&](size_t index) { return static_cast<int32_t>(head.number(index)); };
+        host->idle_threads = number(1);
+        if (head.fields.size() > 3) host->max_threads = number(3);
+        pool.emplace(host, number(2));
+        on("pool", [this](auto &) { return pool->get() != nullptr; });
+        on("hold", [this](auto &words) { return hold(words.number(0)); });
+        on("submit", [this](auto &words) { return submit(words[0], std::max(words.number(1), 1LL)); });
+        on("open", [this](auto &) { gate.open(); });
+        on("workers", [this](auto &) { return pool->workers(); });
+        on("busy", [this](auto &) { return pool->busy(); });
+        on("peak", [this](auto &) { return (*pool)->busy_peak; });
+        on("threads", [this](auto &) { return host.threads(); });
+        on("ran", [this](auto &) { return ran.load(); });
+        on("closed", [](auto &) { return std::to_string(closed) + " " + std::to_string(closed_gracefully); });
+        on("each-once", [this](auto &) {
+            return std::all_of(conns.begin(), conns.end(), [](auto &conn) { return conn.bytes_sent == 1; });
+        });
+        on("left-alone", [this](auto &words) { return conns[words.number(0)].bytes_sent == 0; });
+        on("flags", [this](auto &) { return load_relaxed(host->flags); });
+        on("logged", [this](auto &words) { return host.logged(words.rest(0)); });
+        on("exit", [this](auto &) { return cm_tpool_exit(pool->get()); });
+        on("free-threads", [this](auto &) { return cm_free_threads(host.ctx()); });
+        on("forget-threads", [this](auto &) {
+            const MutexGuard guard(host->thread_mutex);
+            return cm_hash_clear(host->thread_table, nullptr);
+        });
+        on("settle", [this](auto &) { host.settle(); });
+    }
+    // Jobs that wait at the gate, each with a connection of its own; gives how many were taken.
+    int hold(int64_t count) {
+        int taken = 0;
+        for (; count > 0 && pool->exec(&conns.emplace_back(), value_of(gate), wait_at) == 1; count--, taken++)
+            await([&, held = ++holding] { return gate.waiting() == std::min(held, pool->workers()); });
+        return taken;
+    }
+    int submit(const std::string &what, int64_t count) {
+        const auto give_back = [](cm_context *, cm_conn *connection, cm_thread *, cm_value) -> int16_t {
+            add_relaxed(connection->serial, 1u);  // closed, and handed out to somebody else
+            return 1;
+        };
+        int taken = 0;
+        for (; count > 0; count--) {
+            cm_conn *conn = what == "unconnected" ? nullptr : &conns.emplace_back();
+            const cm_value argument = what == "without-argument" ? 0 : value_of(ran);
+            taken += pool->exec(conn, argument,
+                                what == "without-function" ? nullptr
+                                : what == "giving-back"    ? cm_job_fn{give_back}
+                                                           : count_up);
+        }
+        return taken;
+    }
 
-TEST(ThreadPool, GrowsWithTheLoadAndShrinksBack) {
     Host host;
-    host->idle_threads = 10;
-    std::vector<cm_conn> conns(12);
-    Pool pool(host, 50);
     Gate gate;
-    EXPECT_EQ(pool.workers(), 10);
-    for (int i = 0; i < 7; i++) {
-        EXPECT_EQ(pool.exec(&conns[static_cast<size_t>(i)], value_of(gate), wait_at), 1);
-        await([&] { return pool.busy() == i + 1; });
-        EXPECT_EQ(pool.workers(), 10);
-    }
-    EXPECT_EQ(host.logged("TRACE: Thread-Pool Worker spawned..."), 0);
-    for (int i = 7; i < 12; i++) {
-        EXPECT_EQ(pool.exec(&conns[static_cast<size_t>(i)], value_of(gate), wait_at), 1);
-        EXPECT_EQ(pool.workers(), i + 4);
-        await([&] { return pool.busy() == i + 1; });
-    }
-    EXPECT_EQ(host.logged("TRACE: Thread-Pool Worker spawned..."), 5);
-    gate.open();
-    await([&] { return pool.busy() == 0 && pool.workers() == 10 && host.threads() == 10; });
-    EXPECT_EQ(pool->busy_peak, 12);
-    EXPECT_EQ(closed_gracefully, 12);
-    EXPECT_EQ(host.logged("TRACE: Thread-Pool Worker terminating..."), 5);
-}
-
-TEST(ThreadPool, GrowsUpToItsMaximumAndStaysWithItsIdleWorkers) {
-    Host host;
-    std::vector<cm_conn> conns(8);
-    Pool pool(host, 4);
-    Gate gate;
-    for (int i = 0; i < 8; i++) {
-        EXPECT_EQ(pool.exec(&conns[static_cast<size_t>(i)], value_of(gate), wait_at), 1);
-        await([&] { return gate.waiting() >= std::min(i + 1, pool.workers()); });
-        EXPECT_EQ(pool.workers(), 4);
-    }
-    gate.open();
-    await([&] { return closed == 8 && pool.busy() == 0; });
-    Pool small(host, 1);  // the workers of the start are there whatever the maximum says
-    EXPECT_EQ(small.workers(), 3);
-    cm_tpool_exit(small.get());
-    EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
-}
-
-TEST(ThreadPool, RefusesTheJobThatFindsNoRecord) {
-    Host host;
-    std::vector<cm_conn> conns(501);
-    Pool pool(host, 3);
-    Gate gate;
-    for (size_t i = 0; i < 500; i++) {
-        ASSERT_EQ(pool.exec(&conns[i], value_of(gate), wait_at), 1);
-        if (i < 3) await([&] { return pool.busy() == static_cast<int32_t>(i) + 1; });
-    }
-    EXPECT_EQ(closed, 0);
-    EXPECT_EQ(pool.exec(&conns[500], value_of(gate), wait_at), 0);
-    EXPECT_EQ(conns[500].bytes_sent, 1u);
-    EXPECT_EQ(closed_gracefully, 0);
-    gate.open();
-    await([&] { return pool.busy() == 0; });
-    EXPECT_EQ(closed_gracefully, 500);
-    for (const auto &conn : conns) EXPECT_EQ(conn.bytes_sent, 1u);
-    EXPECT_EQ(pool.exec(&conns[0], value_of(gate), wait_at), 1);
-    await([&] { return closed_gracefully == 501; });
-}
-
-TEST(ThreadPool, DropsJobsThatCannotRunAndForgetsTheirRecords) {
-    Host host;
-    std::vector<cm_conn> conns(3);
-    Pool pool(host, 3);
-    std::atomic<int> ran{0};
-    EXPECT_EQ(pool.exec(nullptr, value_of(ran), count_up), 1);
-    EXPECT_EQ(pool.exec(&conns[0], 0, count_up), 1);
-    EXPECT_EQ(pool.exec(&conns[1], value_of(ran), nullptr), 1);
-    await([] { return closed == 2; });
-    EXPECT_EQ(closed_gracefully, 0);
-    for (int i = 0; i < 496; i++) EXPECT_EQ(pool.exec(nullptr, 1, count_up), 1);
-    EXPECT_EQ(pool.exec(&conns[2], value_of(ran), count_up), 1);  // the last record
-    await([&] { return ran == 1 && closed_gracefully == 1; });
-    await([&] { return pool.busy() == 0; });
-    EXPECT_EQ(pool.exec(&conns[2], 0, count_up), 1);
-    EXPECT_EQ(pool.exec(&conns[2], value_of(ran), count_up), 0);
-}
+    std::deque<cm_conn> conns;
+    std::atomic<int> ran = 0;
+    int holding = 0;
+    std::optional<Pool> pool;
+};
+SCENARIOS(ThreadPools, PoolSteps, "threads/tpool");
 
 TEST(ThreadPool, AWorkerIsNamedAfterItsJobAndCountsThem) {
     Host host;
@@ -172,60 +152,6 @@ TEST(ThreadPool, AWorkerIsNamedAfterItsJobAndCountsThem) {
     }
     EXPECT_STREQ(load_relaxed(worker.load()->label), "IDLE-Worker");
     EXPECT_EQ(load_relaxed(worker.load()->argument), 0u);
-}
-
-TEST(ThreadPool, AConnectionThatItsHandlerGaveBackIsLeftAlone) {
-    Host host;
-    std::vector<cm_conn> conns(2);
-    Pool pool(host, 3);
-    const auto close_itself = [](cm_context *, cm_conn *connection, cm_thread *, cm_value) -> int16_t {
-        add_relaxed(connection->serial, 1u);  // closed, and handed out to somebody else
-        return 1;
-    };
-    EXPECT_EQ(pool.exec(&conns[0], 1, close_itself), 1);
-    EXPECT_EQ(pool.exec(&conns[1], 1, do_nothing), 1);
-    await([&] { return closed == 1 && pool.busy() == 0; });
-    EXPECT_EQ(conns[0].bytes_sent, 0u);
-    EXPECT_EQ(conns[1].bytes_sent, 1u);
-}
-
-// ---- ends -----------------------------------------------------------------------------------------------------------
-
-TEST(ThreadPool, ClosingEndsIdleWorkersAndWaitingJobsAtOnceAndBusyOnesAfterTheirJob) {
-    for (const size_t jobs : {2u, 10u}) {  // with a worker that is idle, and with jobs that wait
-        Host host;
-        std::vector<cm_conn> conns(jobs + 1);
-        Gate gate;
-        Pool pool(host, 3);
-        const int busy = jobs < 3 ? static_cast<int>(jobs) : 3;
-        for (size_t i = 0; i < jobs; i++) {
-            EXPECT_EQ(pool.exec(&conns[i], value_of(gate), wait_at), 1);
-            await([&] { return gate.waiting() == std::min(static_cast<int>(i) + 1, 3); });
-        }
-        EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
-        EXPECT_TRUE((load_relaxed(host->flags) & CTX_SHUTDOWN) != 0);
-        await([&] { return host.threads() == busy; });
-        EXPECT_EQ(closed, static_cast<int>(jobs) - busy);
-        EXPECT_EQ(pool.exec(&conns[jobs], value_of(gate), wait_at), 0);
-        EXPECT_EQ(cm_tpool_exit(pool.get()), 1);
-        gate.open();
-        host.settle();
-        EXPECT_EQ(closed_gracefully, busy);
-        EXPECT_EQ(pool.workers() + pool.busy(), 0);
-        for (const auto &conn : conns) EXPECT_EQ(conn.bytes_sent, 1u);
-    }
-}
-
-TEST(ThreadPool, WorkersThatAreAskedLeave) {
-    Host host;
-    std::vector<cm_conn> conns(1);
-    Pool pool(host, 3);
-    EXPECT_EQ(cm_free_threads(host.ctx()), 1);
-    EXPECT_EQ(pool.workers(), 0);
-    EXPECT_EQ(pool.exec(&conns[0], 1, wait_at), 0);
-    EXPECT_EQ(conns[0].bytes_sent, 1u);
-    const MutexGuard guard(host->thread_mutex);
-    cm_hash_clear(host->thread_table, nullptr);
 }
 
 TEST(ThreadPool, AFailedStartUndoesItselfAndTheServerGoesOn) {
@@ -257,16 +183,7 @@ TEST(ThreadPool, AFailedStartUndoesItselfAndTheServerGoesOn) {
     }
     EXPECT_GT(failures, 20);  // blocks of the jobs; crew, event, lock; each worker's record, cell and thread
     EXPECT_GE(told, 1);
-}
-
-TEST(ThreadPool, TooFewThreadsForTheIdleWorkersLeaveNoneBehind) {
     Host host;
-    host->max_threads = 2;
-    Pool pool(host, 50);
-    EXPECT_EQ(pool.get(), nullptr);
-    host.settle();
-    EXPECT_EQ(host->flags, 0u);
-    EXPECT_EQ(host.logged("ERROR: Maximum number of threads exceeded (2)."), 1);
     cm_tpool *none = nullptr;
     EXPECT_EQ(cm_tpool_init(nullptr, nullptr, host->thread_pool_mem, 5, &none), 0);
     EXPECT_EQ(cm_tpool_init(host.ctx(), nullptr, nullptr, 5, &none), 0);
