@@ -36,58 +36,6 @@ protected:
     cm_mutex *mutex = nullptr;
 };
 
-TEST_F(LogFiles, AFreshLogKeepsTheLastOne) {
-    const struct {
-        const char *name;
-        int32_t flags;
-        const char *old_name;  // null: the log is not moved
-        const char *left;      // in the log itself
-    } rows[] = {
-        {"access.log", kFresh, "access.old", ""},
-        {"server.LOG", kFresh, "server.old", ""},
-        {"x.log", kAppend | CM_O_BINARY, "x.old", ""},
-        {"y.log", kAppend, nullptr, "last run"},
-        {"a.lo", kAppend | CM_O_BINARY, nullptr, "last run"},
-        {".log", kAppend | CM_O_BINARY, nullptr, "last run"},
-        {"a.text", kFresh, nullptr, ""},
-    };
-    for (const auto &row : rows) {
-        const std::string log = std::string("log/") + row.name;
-        folder.write(log, "last run");
-        if (row.old_name != nullptr) folder.write(std::string("log/") + row.old_name, "older");
-        EXPECT_EQ(1, cm_fclose(open_log(row.name, row.flags)));
-        EXPECT_EQ(row.left, folder.read(log)) << row.name;
-        if (row.old_name != nullptr) {
-            EXPECT_EQ("last run", folder.read(std::string("log/") + row.old_name));
-        }
-    }
-    EXPECT_EQ(Strings({".log", "a.lo", "a.text", "access.log", "access.old", "server.LOG", "server.old", "x.log",
-                       "x.old", "y.log"}),
-              folder.names("log"));
-    folder.remove("log/x.log");  // without a log the older one is the only one, and stays
-    EXPECT_EQ(1, cm_fclose(open_log("x.log", kFresh)));
-    EXPECT_EQ("last run", folder.read("log/x.old"));
-    cm_file *file = nullptr;
-    EXPECT_EQ(0, cm_fopenl(ctx, std::string(1024, 'x').c_str(), kFresh, &file));
-}
-
-TEST_F(LogFiles, RotatingKeepsWaitingLinesForTheNewFile) {
-    cm_file *file = open_log("a.log", kFresh);
-    EXPECT_EQ(1, cm_lwrite(file, "first", CM_LEN_TEXT, 0, mutex, 1));
-    EXPECT_EQ(1, cm_lwrite(file, "waiting", CM_LEN_TEXT, 0, mutex, 0));
-    EXPECT_EQ(2, file->lines);
-    folder.write("log/a.1", "older");
-    EXPECT_EQ(1, cm_lrotate(file, mutex, "a.log", "a.1", 0));
-    EXPECT_EQ(0, file->lines);
-    EXPECT_EQ("first\n", folder.read("log/a.1"));
-    EXPECT_EQ("", folder.read("log/a.log"));
-    EXPECT_EQ(1, cm_lwrite(file, "second", CM_LEN_TEXT, 0, mutex, 0));
-    EXPECT_EQ(1, cm_fclose(file));
-    EXPECT_EQ("waiting\nsecond\n", folder.read("log/a.log"));
-    EXPECT_EQ(0, cm_lrotate(file, mutex, "a.log", "a.1", 0));
-    EXPECT_EQ(0, cm_lrotate(nullptr, mutex, "a.log", "a.1", 0));
-}
-
 TEST_F(LogFiles, RotatingWithCompression) {
     cm_file *file = open_log("a.log", kFresh);
     std::string expected;
@@ -103,30 +51,6 @@ TEST_F(LogFiles, RotatingWithCompression) {
     EXPECT_EQ(1, cm_lrotate(file, mutex, "a.log", nullptr, 1));  // nothing was moved, nothing to compress
     EXPECT_EQ(1, cm_fclose(file));
     EXPECT_EQ((Strings{"a.log", "a.old"}), folder.names("log"));
-}
-
-TEST_F(LogFiles, ARotationThatFails) {
-    cm_file *file = open_log("a.log", kFresh);
-    EXPECT_EQ(1, cm_lwrite(file, "first", CM_LEN_TEXT, 0, mutex, 1));
-    {
-        const Replace<&Table::path_rename> broken([](auto...) { return CM_EACCES; });
-        EXPECT_EQ(0, cm_lrotate(file, mutex, "a.log", "a.old", 0));
-    }
-    const std::string log = folder.absolute("log/a.log"), old = folder.absolute("log/a.old");
-    EXPECT_EQ("Tilvar Server Error: cm_lrotate() Rename of '" + log + "' to '" + old + "' failed.\n", errors());
-    EXPECT_EQ(1, cm_lwrite(file, "second", CM_LEN_TEXT, 0, mutex, 1));
-    EXPECT_EQ("first\nsecond\n", folder.read("log/a.log"));  // what could not be moved goes on
-    {
-        const Replace<&Table::file_open> broken([](auto...) { return CM_EMFILE; });
-        EXPECT_EQ(0, cm_lrotate(file, mutex, "a.log", "a.old", 0));
-    }
-    EXPECT_EQ("Tilvar Server Error: File open of '" + log + "' failed.\n", errors());
-    EXPECT_EQ(0, cm_lwrite(file, "lost", CM_LEN_TEXT, 0, mutex, 1));
-    EXPECT_EQ(0, cm_lrotate(file, mutex, "a.log", "a.old", 0));
-    EXPECT_EQ("first\nsecond\n", folder.read("log/a.old"));
-    EXPECT_EQ(1, cm_fclose(file));
-    EXPECT_EQ(0, cm_fclose(file));
-    EXPECT_EQ(0, ctx->file_open);
 }
 
 TEST_F(LogFiles, CompressingFailsWholeOrNotAtAll) {
