@@ -1,17 +1,12 @@
 // The file cache: what it serves without the system, when it asks the disk again, and what stays for its holders.
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <filesystem>
 #include <map>
-#include <optional>
-#include <sstream>
 #include <thread>
 
 #include "schedule/scheduler.h"
-#include "support/data.h"
 #include "support/failures.h"
-#include "support/support.h"
+#include "support/scenario.h"
 
 using namespace cm::test;
 using std::string;
@@ -25,7 +20,7 @@ constexpr char kSettings[] =
     "Trace Level = TRACE\nFile Cache Size = 1000\nMaximum Cached File = 100\nCache Stat Interval = 10\n"
     "Cache DNS Interval = 30\nCache Flush Interval = 60";
 constexpr int32_t kAny = CM_O_RDONLY | CM_O_BINARY;
-const std::map<string, int32_t> kModes = {{"any", kAny},
+const std::map<string, int32_t> kModes = {{"", kAny},
                                           {"seq", CM_O_RDONLY | CM_O_SEQ},
                                           {"seqbinary", kAny | CM_O_SEQ},
                                           {"read", CM_O_RDONLY},
@@ -38,122 +33,126 @@ void CM_CALL free_page(void *data) {
     delete static_cast<string *>(data);
 }
 
-// The steps that data/steps.txt tells about; each gives a text.
-class Cache : public testing::Test {
-protected:
-    using Words = std::vector<string>;
-
-    void SetUp() override {
+// The steps of data/steps.txt.
+struct Cache : World {
+    explicit Cache(const Row &head = {"", {}}) : library(head.fields.size() > 1 ? head.text(1) : kSettings) {
         scheduler_by_hand(library.ctx());
         cm_cache_exit(library);
         cm_cache_init(library);
+        pages_freed = 0;
+        files();
+        pages_and_addresses();
+        inside();
     }
-    void TearDown() override {
+    ~Cache() {
         library.stop();
         EXPECT_EQ(leaks.outstanding(), 0u);
     }
-    string run(const string &step) {
-        std::istringstream in(step);
-        return run(Words(std::istream_iterator<string>(in), {}));
+    string step(const string &words) { return run(Words(words)); }
+
+    void files() {
+        on("write", [this](auto &words) { library.folder().write(expanded(words[0]), expanded(words[1])); });
+        on("remove", [this](auto &words) { library.folder().remove(words[0]); });
+        on("touch", [this](auto &words) {
+            const string name = path(words);
+            fs::last_write_time(name, fs::last_write_time(name) + std::chrono::seconds(5));
+        });
+        on("open", [this](auto &words) { return read(opened(path(words), words[1])); });
+        on("same", [this](auto &words) { return read(opened(path(words))) == "=" + library.folder().read(words[0]); });
+        on("hold", [this](auto &words) { return (held = opened(path(words))) != nullptr; });
+        on("held", [this](auto &) { return string(held->buffer, static_cast<size_t>(held->total)); });
+        on("drop", [this](auto &) { return cm_fclose(held); });
+        on("fopen", [this](auto &words) {
+            cm_file *file = nullptr;
+            return cm_fopen(library, path(words).c_str(), kModes.at(words[1]), &file) == 1 && cm_fclose(file) == 1;
+        });
+        on("stat", [this](auto &words) {
+            cm_stat_rec record;
+            return cm_stat(library, path(words).c_str(), 1, &record) == 1 ? to_string(record.size) : "-";
+        });
     }
-    string run(const Words &words) {
-        const string name = words.size() > 1 ? expanded(words[1]) : "", third = words.size() > 2 ? words[2] : "";
-        const string file_path = path(name);
-        const char *const path = file_path.c_str();
-        const std::map<string, std::function<string()>> steps = {
-            {"write", [&] { return library.folder().write(name, expanded(third)), "ok"; }},
-            {"remove", [&] { return library.folder().remove(name), "ok"; }},
-            {"touch",
-             [&] { return fs::last_write_time(path, fs::last_write_time(path) + std::chrono::seconds(5)), "ok"; }},
-            {"open", [&] { return read(opened(path, third.empty() ? "any" : third)); }},
-            {"same", [&] { return to_string(read(opened(path, "any")) == "=" + library.folder().read(name)); }},
-            {"hold", [&] { return (held_ = opened(path, "any")) != nullptr ? "ok" : "-"; }},
-            {"held", [&] { return string(held_->buffer, static_cast<size_t>(held_->total)); }},
-            {"drop", [&] { return to_string(cm_fclose(held_)); }},
-            {"fopen",
-             [&] {
-                 cm_file *file = nullptr;
-                 return to_string(cm_fopen(library, path, kModes.at(third), &file) == 1 && cm_fclose(file) == 1);
-             }},
-            {"stat",
-             [&] {
-                 cm_stat_rec record;
-                 return cm_stat(library, path, 1, &record) == 1 ? to_string(record.size) : "-";
-             }},
-            {"page",
-             [&]() -> string {
-                 cm_cache_rec *entry = nullptr;
-                 void *data = nullptr;
-                 if (cm_cache_getasp(library, path, &data, &entry) == 0) return "-";
-                 const string text = *static_cast<string *>(data);
-                 return cm_cache_freeasp(library, entry), text;
-             }},
-            {"setpage", [&] { return set_page(path, third, stoi(words.back()), nullptr); }},
-            {"holdpage", [&] { return set_page(path, third, stoi(words.back()), &page_); }},
-            {"heldpage", [&] { return *static_cast<string *>(page_->data); }},
-            {"droppage", [&] { return to_string(cm_cache_freeasp(library, page_)); }},
-            {"freed", [&] { return to_string(pages_freed); }},
-            {"setaddr", [&] { return to_string(cm_cache_setaddr(library, name.c_str(), 1, 2, 3)); }},
-            {"addr",
-             [&] {
-                 uint32_t a = 1, b = 2, c = 3;
-                 const int16_t there = cm_cache_getaddr(library, name.c_str(), &a, &b, &c);
-                 return to_string(there * (a * 100 + b * 10 + c));
-             }},
-            {"addresses",
-             [&] {
-                 for (int i = 0; i < stoi(name); i++) cm_cache_setaddr(library, to_string(i).c_str(), 1, 2, 3);
-                 return to_string(cache()->addresses->entries);
-             }},
-            {"counts",
-             [&] {
-                 return to_string(cache()->files) + " " + to_string(cache()->pages) + " " + to_string(cache()->bytes) +
-                        " " + to_string(cache()->cleanup_wanted);
-             }},
-            {"opens", [&] { return to_string(cache()->opens) + " " + to_string(cache()->hits); }},
-            {"set", [&] { return set(name, stoi(third)); }},
-            {"clean", [&] { return to_string(timer()->function(library, timer()->name, timer()->argument)); }},
-            {"advance", [&] { return clock.advance(stoi(name)), "ok"; }},
-            {"clock", [&] { return clock.set(kNow + stoi(name)), "ok"; }},
-            {"just-after",
-             [&] {
-                 cm::platform::FileStatus status = {};
-                 os.path_status(path, true, &status);
-                 return clock.set(status.mtime + stoi(third)), "ok";
-             }},
-            {"reset", [&] { return to_string(cm_cache_reset(library)); }},
-            {"exit", [&] { return to_string(cm_cache_exit(library)); }},
-            {"init", [&] { return to_string(cm_cache_init(library)); }},
-            {"fail",
-             [&] {
-                 const Faults faults(name == "files" ? Faults::kFiles : Faults::kAllocations, stoi(third));
-                 return run(Words(words.begin() + 3, words.end()));
-             }},
-        };
-        return steps.at(words[0])();
+    void pages_and_addresses() {
+        on("page", [this](auto &words) -> string {
+            cm_cache_rec *entry = nullptr;
+            void *data = nullptr;
+            if (cm_cache_getasp(library, path(words).c_str(), &data, &entry) == 0) return "-";
+            const string text = *static_cast<string *>(data);
+            return cm_cache_freeasp(library, entry), text;
+        });
+        on("setpage", [this](auto &words) { return set_page(words, nullptr); });
+        on("holdpage", [this](auto &words) { return set_page(words, &page); });
+        on("heldpage", [this](auto &) { return *static_cast<string *>(page->data); });
+        on("droppage", [this](auto &) { return cm_cache_freeasp(library, page); });
+        on("freed", [](auto &) { return pages_freed.load(); });
+        on("setaddr", [this](auto &words) { return cm_cache_setaddr(library, expanded(words[0]).c_str(), 1, 2, 3); });
+        on("addr", [this](auto &words) {
+            uint32_t a = 1, b = 2, c = 3;
+            return cm_cache_getaddr(library, expanded(words[0]).c_str(), &a, &b, &c) * (a * 100 + b * 10 + c);
+        });
+        on("addresses", [this](auto &words) {
+            for (int i = 0; i < words.number(0); i++) cm_cache_setaddr(library, to_string(i).c_str(), 1, 2, 3);
+            return cache()->addresses->entries;
+        });
     }
-    string path(const string &name) { return library.folder().path(name); }
+    void inside() {
+        on("counts", [this](auto &) {
+            return to_string(cache()->files) + " " + to_string(cache()->pages) + " " + to_string(cache()->bytes) + " " +
+                   to_string(cache()->cleanup_wanted);
+        });
+        on("opens", [this](auto &) { return to_string(cache()->opens) + " " + to_string(cache()->hits); });
+        on("set", [this](auto &words) {
+            const auto value = static_cast<int32_t>(words.number(1));
+            if (words[0] == "files") cache()->files = value;
+            if (words[0] == "opens") cache()->opens = value;
+            if (words[0] == "wanted") cache()->cleanup_wanted = static_cast<int16_t>(value);
+        });
+        on("timer", [this](auto &) {
+            return string(timer()->period) + ", origin " + to_string(timer()->origin) + ", on " +
+                   (timer()->threaded ? "a thread of its own" : "its scheduler's thread") +
+                   ", hours: " + (memchr(timer()->hour, 1, 24) == nullptr ? "none" : "some");
+        });
+        on("clean", [this](auto &) { return timer()->function(library, timer()->name, timer()->argument); });
+        on("without", [this](auto &words) {
+            cm_hash *&table = words[0] == "files" ? cache()->file_table : cache()->page_table;
+            cm_hash *const kept = std::exchange(table, nullptr);
+            const string result = run(words.from(1));
+            return table = kept, result;
+        });
+        on("advance", [this](auto &words) { clock.advance(words.number(0)); });
+        on("clock", [this](auto &words) { clock.set(kNow + words.number(0)); });
+        on("just-after", [this](auto &words) {
+            cm::platform::FileStatus status = {};
+            os.path_status(path(words).c_str(), true, &status);
+            clock.set(status.mtime + words.number(1));
+        });
+        on("reset", [this](auto &) { return cm_cache_reset(library); });
+        on("exit", [this](auto &) { return cm_cache_exit(library); });
+        on("init", [this](auto &) { return cm_cache_init(library); });
+        on("logged", [this](auto &words) {
+            string line = words.rest(0);
+            if (const size_t at = line.find("@f"); at != line.npos) line.replace(at, 2, library.folder().path("f"));
+            return library.logged(line);
+        });
+    }
+
+    // "*N": a text of N letters; "~N": a name whose path has N.
+    string expanded(const string &word) {
+        const size_t count = word.size() > 1 ? strtoul(word.c_str() + 1, nullptr, 10) : 0;
+        return word[0] == '*'   ? string(count, 'x')
+               : word[0] == '~' ? string(count - library.folder().path("").size() - 1, 'n')
+                                : word;
+    }
+    string path(const Words &words) { return library.folder().path(expanded(words[0])); }
     cm_cache *cache() { return library.ctx()->file_cache; }
     cm_cron_rec *timer() {
         cm_cron_rec *task = library.ctx()->cron->periodic;
         while (task->name != string("Cache File Timer")) task = task->next;
         return task;
     }
-    cm_file *opened(const char *path, const string &mode) {
+    cm_file *opened(const string &path, const string &mode = "") {
         cm_file *file = nullptr;
-        cm_fopenc(library, path, kModes.at(mode), &file);
+        cm_fopenc(library, path.c_str(), kModes.at(mode), &file);
         return file;
-    }
-
-    FrozenClock clock{kNow};
-    LeakCheck leaks;
-    Library library{kSettings};
-
-private:
-    // "*N": a text of N letters; "~N": a name whose path has N.
-    string expanded(const string &word) {
-        const size_t count = word.size() > 1 ? strtoul(word.c_str() + 1, nullptr, 10) : 0;
-        return word[0] == '*' ? string(count, 'x') : word[0] == '~' ? string(count - path("").size() - 1, 'n') : word;
     }
     string read(cm_file *file) {
         if (file == nullptr) return "-";
@@ -166,67 +165,26 @@ private:
         cm_fclose(file);
         return text;
     }
-    string set_page(const char *path, const string &text, int32_t size, cm_cache_rec **held) {
-        auto *data = new string(text);
-        const int16_t taken = cm_cache_setasp(library, path, data, size, free_page, held);
+    int16_t set_page(const Words &words, cm_cache_rec **out_held) {
+        auto *data = new string(words[1]);
+        const int16_t taken = cm_cache_setasp(library, path(words).c_str(), data, static_cast<int32_t>(words.number(2)),
+                                              free_page, out_held);
         if (taken == 0) delete data;
-        return to_string(taken);
-    }
-    string set(const string &field, int32_t value) {
-        if (field == "files") cache()->files = value;
-        if (field == "opens") cache()->opens = value;
-        if (field == "wanted") cache()->cleanup_wanted = static_cast<int16_t>(value);
-        return "ok";
+        return taken;
     }
 
-    cm_file *held_ = nullptr;
-    cm_cache_rec *page_ = nullptr;
+    FrozenClock clock{kNow};
+    LeakCheck leaks;
+    Library library;
+    cm_file *held = nullptr;
+    cm_cache_rec *page = nullptr;
 };
+SCENARIOS(CacheScenarios, Cache, "cache/steps");
 
-TEST_F(Cache, Steps) {
-    for (const Row &row : rows("cache/steps")) {
-        const testing::ScopedTrace where(__FILE__, __LINE__, row.where);
-        if (row[0].starts_with("case ")) {
-            for (const string &name : library.folder().names()) library.folder().remove(name != "log" ? name : "none");
-            clock.set(kNow);
-            cm_cache_reset(library);
-            pages_freed = 0;
-        } else if (row[0].starts_with("logged ")) {
-            const size_t at = row[0].find('@');
-            EXPECT_TRUE(library.logged(
-                at == string::npos ? row[0].substr(7) : row[0].substr(7, at - 7) + path("f") + row[0].substr(at + 2)));
-        } else {
-            std::optional<Faults> counter;
-            if (row.fields.size() > 2) counter.emplace(Faults::kBoth & ~Faults::kClock, 0);
-            EXPECT_EQ(run(row[0]), row[1]);
-            EXPECT_TRUE(!counter || counter->calls() == row.number(2)) << counter->calls();
-        }
-    }
-}
-
-TEST_F(Cache, ItsTimerIsNeverDue) {
-    EXPECT_STREQ(timer()->period, "1-60/4 * * * *");
-    EXPECT_EQ(timer()->origin, 101);
-    EXPECT_EQ(timer()->threaded, 0);
-    EXPECT_EQ(memchr(timer()->hour, 1, 24), nullptr);
-    const struct {
-        cm_hash **table;
-        const char *message;
-    } rows[] = {{&cache()->file_table, "ERROR: File cache cleanup failed."},
-                {&cache()->page_table, "ERROR: ASP cache cleanup failed."}};
-    for (const auto &row : rows) {
-        cm_hash *const table = std::exchange(*row.table, nullptr);
-        clock.advance(61);
-        cache()->cleanup_wanted = 1;
-        EXPECT_EQ(run("clean"), "0");
-        EXPECT_TRUE(library.logged(row.message));
-        *row.table = table;
-    }
-}
-
-TEST_F(Cache, HandlesReadInPlace) {
-    library.folder().write("f", "one\ntwo");
-    cm_file *first = opened(path("f").c_str(), "any"), *second = opened(path("f").c_str(), "any");
+TEST(CacheHandles, ReadInPlace) {
+    Cache cache;
+    cache.step("write f one\\ntwo");
+    cm_file *first = cache.opened(cache.library.folder().path("f")), *second = cache.opened(first->name);
     char line[10];
     int32_t got = 0;
     EXPECT_EQ(cm_fgetl(second, 0, line, 9, &got, nullptr), 1);
@@ -240,79 +198,65 @@ TEST_F(Cache, HandlesReadInPlace) {
     cm_fclose(second);
 }
 
-TEST_F(Cache, EveryFailure) {
-    run("write f text");
+TEST(CacheFailures, EveryOne) {
+    Cache cache;
+    cache.step("write f text");
     each_failure(
         Faults::kBoth & ~Faults::kClock,
         [&] {
             for (const char *step : {"open f", "open f seqbinary", "stat f", "setpage f page 5", "setaddr host"})
-                run(step);
+                cache.step(step);
         },
         [&](bool) {
-            EXPECT_EQ(run("open f"), "=text");
-            cm_cache_reset(library);
+            EXPECT_EQ(cache.step("open f"), "=text");
+            cache.step("reset");
         });
-    cm_cache_exit(library);
+    cache.step("exit");
     string made;
     each_failure(
-        Faults::kAllocations | Faults::kLocks, [&] { made = run("init"); },
+        Faults::kAllocations | Faults::kLocks, [&] { made = cache.step("init"); },
         [&](bool failed) {
-            EXPECT_EQ(made, library.ctx()->file_cache == nullptr ? "0" : "1");
+            EXPECT_EQ(made, cache.cache() == nullptr ? "0" : "1");
             EXPECT_TRUE(failed || made == "1");
-            cm_cache_exit(library);
+            cache.step("exit");
         });
 }
 
-TEST_F(Cache, SixteenThreads) {
+TEST(CacheThreads, SixteenSeeNoStaleByteAfterTheInterval) {
+    Cache cache;
     std::atomic<int> oldest = 0;  // the version that everybody must see at least
     std::atomic<bool> done = false;
-    library.ctx()->max_cached_file = library.ctx()->file_cache_size = 5000;
+    cache.library.ctx()->max_cached_file = cache.library.ctx()->file_cache_size = 5000;
     const auto text_of = [](int version) {
         return to_string(version) + string(50 + static_cast<size_t>(version), '.');
     };
-    library.folder().write("f", text_of(0));
+    const TempFolder &folder = cache.library.folder();
+    folder.write("f", text_of(0));
     std::vector<std::thread> threads;
     for (int i = 0; i < 16; i++)
         threads.emplace_back([&, i] {
             for (int round = 0; !done; round++) {
                 const int least = oldest;
-                string text = run(i % 2 == 0 ? "open f" : "open f seqbinary");
+                string text = cache.step(i % 2 == 0 ? "open f" : "open f seqbinary");
                 if (text[0] == '=') text.erase(0, 1);
                 EXPECT_GE(atoi(text.c_str()), least);
                 EXPECT_EQ(text, text_of(atoi(text.c_str())));
-                if (i % 4 == 0) run("stat f");
-                if (i % 4 == 1) run("setpage f page 5"), run("page f");
-                if (i == 2) run("fopen f rdwr");
-                if (i == 3 && round % 50 == 0) run("reset");
+                if (i % 4 == 0) cache.step("stat f");
+                if (i % 4 == 1) cache.step("setpage f page 5"), cache.step("page f");
+                if (i == 2) cache.step("fopen f rdwr");
+                if (i == 3 && round % 50 == 0) cache.step("reset");
             }
         });
     for (int version = 1; version <= 300; version++) {
-        library.folder().write("new", text_of(version));
-        ASSERT_EQ(os.path_rename(path("new").c_str(), path("f").c_str()), 0);
-        clock.advance(11);
+        folder.write("new", text_of(version));
+        ASSERT_EQ(os.path_rename(folder.path("new").c_str(), folder.path("f").c_str()), 0);
+        cache.clock.advance(11);
         oldest = version;
         for (int i = 0; i < 20; i++) os.thread_yield();
     }
     done = true;
     for (std::thread &thread : threads) thread.join();
-    EXPECT_EQ(run("open f"), "=" + text_of(300));
-}
-
-TEST(AddressesAlone, MakeNoFileCache) {
-    Library library("File Cache Size = -1\nCache DNS Interval = 30");
-    const string path = library.folder().write("f", "text");
-    cm_file *file = nullptr;
-    int16_t hit = 1;
-    ASSERT_EQ(cm_fopenc(library, path.c_str(), kAny, &file), 1);
-    EXPECT_EQ(file->kind, 1);
-    EXPECT_EQ(cm_cache_open(library, file, kAny, &hit), 1);
-    EXPECT_EQ(hit, 0);
-    EXPECT_EQ(cm_cache_age(library, file), 1);
-    cm_fclose(file);
-    EXPECT_EQ(cm_cache_setaddr(library, "host", 1, 2, 3), 1);
-    library.stop();
-    Library none("File Cache Size = 0");
-    EXPECT_EQ(none.ctx()->file_cache, nullptr);
+    EXPECT_EQ(cache.step("open f"), "=" + text_of(300));
 }
 
 }  // namespace

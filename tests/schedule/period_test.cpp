@@ -61,7 +61,9 @@ std::set<int> plain_set(int low, int high, int step, int count) {
 
 // All that one item can be: numbers and names, alone and as ranges, with each step; and each one in a list.
 TEST(Field, EveryValidItem) {
-    for (const auto &[kind, field] : kFields) {
+    for (const auto &entry : kFields) {
+        const string &kind = entry.first;
+        const Field &field = entry.second;
         string other_text = to_string(1 - field.offset);
         std::set<int> other = {1};
         const auto check = [&](const string &item, const std::set<int> &set) {

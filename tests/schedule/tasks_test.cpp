@@ -30,7 +30,9 @@ TEST(Tasks, Registration) {
         }
     EXPECT_EQ(cm_cron_task(library, "task", note, 0, 101, 0, "never"), 1);
     EXPECT_EQ(cm_cron_task(nullptr, "task", note, 0, 101, 0, "hourly"), 0);
-    EXPECT_EQ(cm_cron_init(nullptr) + cm_cron_start(nullptr) + cm_cron_stop(nullptr), 0);
+    EXPECT_EQ(
+        cm_cron_init(nullptr) + cm_cron_start(nullptr) + cm_cron_stop(nullptr) + cm__cron_usertask(library, "task", 0),
+        0);
     for (const auto &[name, period] : {std::pair<const char *, const char *>{nullptr, "hourly"}, {"task", nullptr}})
         EXPECT_EQ(task_of(library, name, true, period), nullptr);
     EXPECT_EQ(cm_cron_func(library, nullptr, note) + cm_cron_func(library, "x", nullptr), 0);
