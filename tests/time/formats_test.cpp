@@ -3,14 +3,44 @@
 #include <limits>
 #include <thread>
 
-#include "clock.h"
+#include "core/cmstamp.h"
 #include "support/data.h"
+#include "support/replace.h"
+#include "support/support.h"
 
 namespace {
 
-constexpr int32_t kBerlin = -3600, kIndia = -19800;
+using cm::platform::os;
+using cm::platform::Table;
+using cm::platform::WallTime;
+using cm::test::Replace;
 
-class Formats : public ClockTest {};
+constexpr int32_t kBerlin = -3600, kIndia = -19800;
+constexpr int64_t kNow = 1025773505;  // Thu, 04 Jul 2002 09:05:05 GMT
+
+class Formats : public testing::Test {
+protected:
+    Formats() { set(kNow); }
+    // The library keeps the calendar of a second, so it is shown another one before.
+    void set(int64_t seconds, int32_t bias = 0, bool summer = false) {
+        int64_t ignored;
+        cm_tm record;
+        clock.set_zone(bias, [summer](int64_t) { return summer; });
+        clock.set(0);
+        cm::time::local_now(&ignored, &record);
+        clock.set(seconds);
+    }
+    std::string datetime(int32_t code, int32_t size = 64) {
+        char text[64] = "untouched";
+        int32_t length = -1;
+        const int16_t result = cm_datetime(code, text, size, &length);
+        EXPECT_EQ(length, static_cast<int32_t>(strlen(text))) << "code " << code;
+        EXPECT_EQ(result, text[0] != '\0') << "code " << code;
+        return text;
+    }
+
+    cm::test::FrozenClock clock;
+};
 
 TEST_F(Formats, EveryCodeInEveryZone) {
     for (const cm::test::Row &row : cm::test::rows("time/formats")) {
@@ -44,7 +74,13 @@ TEST_F(Formats, TextsAreCutToTheSizeButTheShortNumbersAreNot) {
     EXPECT_EQ(cm_datetime(10, nullptr, 10, nullptr), 0);
 }
 
-TEST_F(Formats, AccessLogStamp) {
+TEST_F(Formats, AccessLogStampAndNumbers) {
+    uint32_t out = 0;
+    clock.set(kNow, 250);
+    EXPECT_EQ(cm_cursec(&out), 1025773505u);
+    EXPECT_EQ(out, 1025773505u);
+    EXPECT_EQ(cm_curmsec(&out), 1);
+    EXPECT_EQ(out, static_cast<uint32_t>(1025773505250u));
     set(1041379199 - 3600, kBerlin);  // the last second of 2002 in Berlin
     char text[64];
     int32_t length = 0;
@@ -68,19 +104,15 @@ TEST_F(Formats, RecordsAsIsoAndRfc822) {
     const int32_t least = std::numeric_limits<int32_t>::min();
     const cm_tm record = {7, 5, 9, 4, 6, 102, 4, 184, 0}, strange = {least, 100, -5, least, 0, least, 0, 0, 0};
     char text[128];
-    const auto rfc822 = [&](const cm_tm *of, int32_t size = sizeof text) {
-        const bool made = cm_time822(text, size, of) == 1;
-        EXPECT_EQ(made, text[0] != '\0');
+    const auto made = [&](int16_t result) {
+        EXPECT_EQ(result == 1, text[0] != '\0');
         return std::string(text);
     };
-    const auto iso8601 = [&](const cm_tm *of) {
-        const bool made = cm_timeISO8601(text, sizeof text, of) == 1;
-        EXPECT_EQ(made, text[0] != '\0');
-        return std::string(text);
-    };
+    const auto rfc822 = [&](const cm_tm *of) { return made(cm_time822(text, sizeof text, of)); };
+    const auto iso8601 = [&](const cm_tm *of) { return made(cm_timeISO8601(text, sizeof text, of)); };
     EXPECT_EQ(iso8601(&record), "2002-07-04T09:05:07Z");
     EXPECT_EQ(rfc822(&record), "Thu, 04 Jul 2002 09:05:07 GMT");
-    EXPECT_EQ(rfc822(&record, 12), "Thu, 04 Jul");
+    EXPECT_EQ(made(cm_time822(text, 12, &record)), "Thu, 04 Jul");
     EXPECT_EQ(iso8601(nullptr), "2002-07-04T09:05:05Z");
     EXPECT_EQ(rfc822(nullptr), "Thu, 04 Jul 2002 09:05:05 GMT");
     for (const int32_t bad : {-1, 12, std::numeric_limits<int32_t>::max()}) {
@@ -90,10 +122,8 @@ TEST_F(Formats, RecordsAsIsoAndRfc822) {
     }
     // Whatever else a record holds is printed as the number that it is.
     EXPECT_EQ(rfc822(&strange), "Sun, -2147483648 Jan -2147481748 -05:100:-2147483648 GMT");
-    EXPECT_EQ(cm_curtime(784111777, text, sizeof text), 1);
-    EXPECT_STREQ(text, "Sun, 06 Nov 1994 08:49:37 GMT");
-    EXPECT_EQ(cm_curtime(0xFFFFFFFF, text, sizeof text), 0);
-    EXPECT_STREQ(text, "");
+    EXPECT_EQ(made(cm_curtime(784111777, text, sizeof text)), "Sun, 06 Nov 1994 08:49:37 GMT");
+    EXPECT_EQ(made(cm_curtime(0xFFFFFFFF, text, sizeof text)), "");
 }
 
 TEST_F(Formats, AClockThatCannotBeReadGivesEmptyTexts) {
@@ -112,40 +142,34 @@ TEST_F(Formats, AClockThatCannotBeReadGivesEmptyTexts) {
         EXPECT_EQ(record.mday, 1);
         EXPECT_EQ(record.year, 0);
     };
-    set(1025773506);
-    state().convertible = false;
+    const Replace<&Table::local_calendar> calendar([](auto...) { return false; });
+    clock.set(kNow + 1);
     expect_nothing(false);
-    state().readable = false;
+    clock.fail(true);
     expect_nothing(true);
-    uint32_t seconds = 0;
-    EXPECT_EQ(cm_cursec(&seconds), 0xFFFFFFFFu);
-    EXPECT_EQ(seconds, 0xFFFFFFFFu);
-    EXPECT_EQ(cm_curmsec(&seconds), 0);
+    uint32_t out = 0;
+    EXPECT_EQ(cm_cursec(&out), 0xFFFFFFFFu);
+    EXPECT_EQ(out, 0xFFFFFFFFu);
+    EXPECT_EQ(cm_curmsec(&out), 0);
     text[0] = 'x';
     EXPECT_EQ(cm_time822(text, sizeof text, nullptr), 0);
     EXPECT_STREQ(text, "");
 }
 
-TEST_F(Formats, SecondsAndMilliseconds) {
-    state().milliseconds = 250;
-    uint32_t out = 0;
-    EXPECT_EQ(cm_cursec(&out), 1025773505u);
-    EXPECT_EQ(out, 1025773505u);
-    EXPECT_EQ(cm_curmsec(&out), 1);
-    EXPECT_EQ(out, static_cast<uint32_t>(1025773505250u));
-}
-
 TEST_F(Formats, TheCalendarIsAskedOnceASecond) {
     set(1025773600, kBerlin);
+    int conversions = 0;
+    const Replace<&Table::local_calendar> counted(
+        [&](int64_t seconds, cm_tm *out) { return conversions++, counted.real(seconds, out); });
     char stamp[32] = {};
     for (int i = 0; i < 10; i++) ASSERT_EQ(cm::time::log_stamp(stamp), 22u);
     EXPECT_STREQ(stamp, "[2002-07-04 10:06:40] ");
-    EXPECT_EQ(state().conversions, 1);
-    state().seconds++;
+    EXPECT_EQ(conversions, 1);
+    clock.advance(1);
     EXPECT_EQ(datetime(14), "[2002-07-04 10:06:41]");
-    state().seconds -= 3600;  // a clock set back
+    clock.set(clock.seconds() - 3600);
     EXPECT_EQ(datetime(14), "[2002-07-04 09:06:41]");
-    EXPECT_EQ(state().conversions, 3);
+    EXPECT_EQ(conversions, 3);
 }
 
 TEST_F(Formats, StampsOfManyThreadsAreNeverTorn) {
@@ -200,7 +224,7 @@ TEST(Calendar, EdgesOfTheStep) {
 }
 
 TEST_F(Formats, RecordOfGivenSecondsInLocalTime) {
-    state().bias = kIndia;
+    set(kNow, kIndia);
     cm_tm record;
     for (const int32_t local : {0, 2}) {  // anything but 1 is local
         EXPECT_EQ(cm_time(784111777, local, &record), 1);
@@ -210,7 +234,7 @@ TEST_F(Formats, RecordOfGivenSecondsInLocalTime) {
     EXPECT_EQ(record.hour * 100 + record.min, 905);
     EXPECT_EQ(cm_time(0xFFFFFFFF, 1, &record), 0);
     EXPECT_EQ(record.year * 100 + record.mday, 1);
-    state().convertible = false;
+    const Replace<&Table::local_calendar> calendar([](auto...) { return false; });
     EXPECT_EQ(cm_time(784111777, 0, &record), 0);
     EXPECT_EQ(record.mday, 1);
     EXPECT_EQ(cm_time(1, 1, nullptr), 0);
