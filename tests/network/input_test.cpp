@@ -1,4 +1,6 @@
 // Buffered input: what a token is does not depend on how the bytes arrive.
+#include <sstream>
+
 #include "network/wire.h"
 
 namespace cm::test {
@@ -49,39 +51,19 @@ TEST(Input, ALongTokenSpansManyBuffers) {
 }
 
 TEST(Input, ReadTakesWhatIsBufferedFirst) {
-    struct Case {
-        const char *name;
-        std::deque<std::string> arriving;
-        int16_t fill;
-        int32_t size;
-        std::vector<int32_t> counts;  // of successive reads
-    };
-    const std::string big = sample(10000);
-    const Case cases[] = {
-        {"one receive without fill", {"first\n", "abc", "defg"}, 0, 10, {3, 4}},
-        {"fill goes on", {"first\n", "abc", "defg"}, 1, 5, {5, 2}},
-        {"fill stops where the peer closes", {"first\n", "abc"}, 1, 10, {3}},
-        {"buffered bytes alone without fill", {"first\nabc", "defg"}, 0, 10, {3, 4}},
-        {"buffered bytes and more with fill", {"first\nabc", "defg"}, 1, 7, {7}},
-        {"a piece larger than asked stays", {"first\n", "abcdefg"}, 0, 4, {4, 3}},
-        {"larger than the buffer", {"first\nab", big}, 1, 10002, {10002}},
-        {"at most one buffer without fill", {"first\n", big}, 0, 10000, {4096, 4096, 1808}},
-        {"nothing asked", {"first\n", "abc"}, 1, 0, {0, 0}},
-        {"negative size", {"first\n", "abc"}, 1, -5, {0}},
-    };
-    for (const Case &test : cases) {
-        const std::string expected = joined({test.arriving.begin(), test.arriving.end()}).substr(6);
+    for (const Row &row : rows("network/reads")) {
+        SCOPED_TRACE(row.where + ": " + row[0]);
+        std::string text(20000, '\0'), expected, bytes;
         Wire wire;
-        wire.arriving = test.arriving;
-        std::string bytes, buffer(20000, '\0');
-        ASSERT_EQ(cm_net_getarg(wire, wire, 0, 0, buffer.data(), 10, nullptr), 1);
-        for (const int32_t wanted : test.counts) {
-            int32_t count = -1;
-            EXPECT_EQ(cm_net_read(wire, wire, test.fill, buffer.data(), test.size, &count), 1) << test.name;
-            EXPECT_EQ(count, wanted) << test.name;
-            bytes.append(buffer, 0, static_cast<size_t>(count));
+        for (size_t i = 4; i < row.fields.size(); i++) expected += wire.arriving.emplace_back(row[i]);
+        ASSERT_EQ(cm_net_getarg(wire, wire, 0, 0, text.data(), 10, nullptr), 1);
+        std::istringstream counts(row[3]);
+        for (int32_t wanted = 0, count = -1; counts >> wanted; bytes.append(text, 0, static_cast<size_t>(count))) {
+            EXPECT_EQ(
+                cm_net_read(wire, wire, row[1] == "fill", text.data(), static_cast<int32_t>(row.number(2)), &count), 1);
+            EXPECT_EQ(count, wanted);
         }
-        EXPECT_TRUE(expected.starts_with(bytes)) << test.name;
+        EXPECT_TRUE(expected.substr(6).starts_with(bytes));
     }
 }
 

@@ -26,13 +26,6 @@ inline void end_threads(cm_context *ctx) {
     cm_hash_clear(ctx->thread_table, nullptr);
 }
 
-inline int32_t threads(cm_context *ctx) {
-    cm_take_mutex(ctx->thread_mutex);
-    const int32_t count = ctx->thread_table->entries;
-    cm_release_mutex(ctx->thread_mutex);
-    return count;
-}
-
 // What the system tells about this host, and about names.
 struct Host {
     std::string name = "box";
@@ -77,11 +70,6 @@ public:
         cm_conn *listener = nullptr;
         const int16_t result = cm_net_listen(state, address, port, 128, read_timeout, 0, &listener);
         EXPECT_EQ(result, listener != nullptr);
-        return listener;
-    }
-    cm_conn *listen_udp() {
-        cm_conn *listener = nullptr;
-        EXPECT_EQ(cm_net_listenu(state, "127.0.0.1", 0, &listener), 1);
         return listener;
     }
     cm_conn *accept(cm_conn *listener) {  // null: failed
@@ -131,8 +119,7 @@ private:
 
 // A connection with both of its ends.
 struct Link {
-    explicit Link(Net &net, int32_t read_timeout = 20, const char *from = "127.0.0.1")
-        : listener(net.listen(read_timeout)), peer(listener->peer_port, from), conn(net.accept(listener)) {}
+    explicit Link(Net &net) : listener(net.listen()), peer(listener->peer_port), conn(net.accept(listener)) {}
     cm_conn *listener;
     Peer peer;
     cm_conn *conn;

@@ -20,7 +20,8 @@ TEST(Loop, HasAsManyListenersAsItHasRoomFor) {
     cm_poll_entry entry = {answer, nullptr, 0, "Test"};
     for (int i = 1; i <= CM_NET_MAX_LISTENERS; i++) {
         entry.listener = net.listen();
-        EXPECT_EQ(cm_net_polladd(net.state, &entry), i < CM_NET_MAX_LISTENERS);
+        for (int again = 0; again < 2; again++)  // one that it knows takes no room
+            EXPECT_EQ(cm_net_polladd(net.state, &entry), i < CM_NET_MAX_LISTENERS);
     }
 }
 

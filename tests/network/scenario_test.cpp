@@ -1,5 +1,5 @@
 // Everything that is made of connections, as scenarios: data/{start,listen,accept,connect,transfer,datagrams,close,
-// circuit,poll,trace}.txt.
+// streams,circuit,poll,trace}.txt.
 #include <atomic>
 
 #include "core/cmthread.h"
@@ -35,7 +35,8 @@ int16_t CM_CALL set_the_clock(cm_context *, const char *, cm_value) {
 //     connect C HOST PORT [tls|later], connecta C PORT OWN-PORT    1, or the number of the error
 //     take C                        a handle without a socket
 //     send C TEXT [LENGTH], receive C [SIZE], alive C, flood C (sends until that fails), limit C MS (by the system)
-//     token C, answer C TEXT        buffered: the next token, a piece of a body
+//     token C, answer C TEXT, putfile C NAME [FIRST LAST], end-body C, encode C chunked|gzip    buffered
+//     fopen C NAME                  what is sent goes to a file of the install folder
 //     dnssendto U PORT TEXT [LENGTH], sendto U PORT TEXT, recv U [SIZE [SECONDS]], recvfrom U: port and text
 //     circuit A B SECONDS
 //     close C [drain], closeall, enter C, leave C          the last two: another thread is inside a call
@@ -48,7 +49,7 @@ int16_t CM_CALL set_the_clock(cm_context *, const char *, cm_value) {
 //     serve L..., polladd L, ask L TEXT, serving, served, hold handlers|names, release, stop, loop-ends
 // The whole:
 //     init [tls], exit, shutdown, cancel, initip, called NAME, host NAME [ADDRESS...], host-fails ERROR, state
-//     tasks, run-task NAME, end-scheduler, threads, counters, stop-library, folder NAME
+//     tasks, run-task NAME, end-scheduler, threads, counters, stop-library; folder NAME, file NAME TEXT, content NAME
 //     line ANSWER, line-calls       a dialled line; how often it was dialled, hung up and checked
 //     trace LEVEL, traced, said, alert, logged TEXT        the next line of the network log, the log, the alerts
 // Around another step:
@@ -87,7 +88,10 @@ private:
         ports_[name] = to_string(port);
         names_of_ports_.try_emplace(to_string(port), name);
     }
-    string named(string text) const {
+    string path(const string &name = "") { return net_.lib.folder().path(name); }
+    // With names for ports, and "~" for the install folder.
+    string named(string text) {
+        if (const size_t at = text.find(path()); at != text.npos) text.replace(at, path().size(), "~");
         for (const auto &[port, name] : names_of_ports_)
             for (size_t at; (at = text.find(port)) != text.npos;) text.replace(at, port.size(), "@" + name);
         return text;
@@ -189,6 +193,7 @@ private:
                                          {CM_CONN_DIALED, "dialed"},
                                          {CM_CONN_TLS, "tls"},
                                          {CM_CONN_DATAGRAM, "datagram"},
+                                         {CM_CONN_FILE, "file"},
                                          {CM_CONN_CHUNKED, "chunked"},
                                          {CM_CONN_LOOPBACK, "loopback"}})
             if (cm::net::has_flag(conn, flag)) names.push_back(name);
@@ -204,6 +209,7 @@ private:
             {"seconds", to_string(one.read_timeout)},
             {"sent", to_string(one.bytes_sent)},
             {"socket", to_string(*one.sock)},
+            {"compressor", to_string(one.gz != nullptr)},
             {"unsent", string(reinterpret_cast<const char *>(one.out_buf), one.out_count > 0)},
             {"bytes", string(reinterpret_cast<const char *>(one.in_buf), static_cast<size_t>(one.in_count))}};
         Strings told;
@@ -237,6 +243,16 @@ private:
         });
         on("answer",
            [this](auto &words) { return cm_net_putdata(net_.state, conn(words[0]), words.text(1), CM_LEN_TEXT, 0); });
+        on("putfile", [this](auto &words) {
+            return cm_net_putfile(net_.state, conn(words[0]), path(words[1]).c_str(), number(words, 2, 0),
+                                  number(words, 3, 0), 0);
+        });
+        on("end-body", [this](auto &words) { return cm_net_enddata(net_.state, conn(words[0])); });
+        on("encode", [this](auto &words) {
+            cm::set_bits_relaxed(conn(words[0])->flags,
+                                 static_cast<uint32_t>(words[1] == "gzip" ? CM_CONN_GZIP : CM_CONN_CHUNKED));
+        });
+        on("fopen", [this](auto &words) { return cm_net_fopen(net_.state, path(words[1]).c_str(), &conn(words[0])); });
         on("circuit", [this](auto &words) {
             return cm_net_circuit(net_.state, conn(words[0]), conn(words[1]), number(words, 2, 0));
         });
@@ -409,7 +425,10 @@ private:
             return result;
         });
         on("end-scheduler", [this](auto &) { cm_cron_stop(net_.lib), end_threads(net_.lib); });
-        on("threads", [this](auto &) { return threads(net_.lib); });
+        on("threads", [this](auto &) {
+            const cm::MutexGuard lock(net_.lib.ctx()->thread_mutex);
+            return net_.lib.ctx()->thread_table->entries;
+        });
         on("counters", [this](auto &) {
             uint32_t sums[3] = {};
             for (const auto &hour : net_.lib.ctx()->perf)
@@ -443,6 +462,8 @@ private:
             return next_line("alerts", lines_of(alerts_));
         });
         on("logged", [this](auto &words) { return net_.lib.logged(words.rest(0)); });
+        on("file", [this](auto &words) { net_.lib.folder().write(words[0], words[1]); });
+        on("content", [this](auto &words) { return net_.lib.folder().read(words[0]); });
         on("folder", [this](auto &words) { net_.lib.folder().make_folder(words[0]); });
     }
 
@@ -524,6 +545,7 @@ SCENARIOS(Accept, Network, "network/accept");
 SCENARIOS(Connect, Network, "network/connect");
 SCENARIOS(Transfer, Network, "network/transfer");
 SCENARIOS(Datagrams, Network, "network/datagrams");
+SCENARIOS(Streams, Network, "network/streams");
 SCENARIOS(Close, Network, "network/close");
 SCENARIOS(Circuit, Network, "network/circuit");
 SCENARIOS(Poll, Network, "network/poll");
