@@ -183,14 +183,5 @@ TEST(Body, AFailedSendClosesTheHandleAndDropsWhatWaited) {
     }
 }
 
-TEST(Body, ArgumentsThatAreNoData) {
-    Wire wire;
-    EXPECT_EQ(cm_net_putdata(wire, wire, nullptr, CM_LEN_TEXT, 1), 0);
-    EXPECT_EQ(cm_net_putdata(wire, wire, nullptr, 5, 1), 0);
-    EXPECT_EQ(cm_net_putdata(wire, wire, nullptr, 0, 1), 1);
-    EXPECT_EQ(cm_net_putdata(wire, wire, "text", -7, 1), 1);
-    EXPECT_EQ(wire.sent, "");
-}
-
 }  // namespace
 }  // namespace cm::test

@@ -105,20 +105,6 @@ TEST_F(PutFile, PiecesDecideChunksAndTraceLines) {
     EXPECT_EQ(library.folder().read("log/network.log"), expected);
 }
 
-TEST_F(PutFile, WhatCannotBeSentFails) {
-    Wire wire;
-    const std::string missing = folder.path("missing"), path = make(200000);
-    EXPECT_NE(captured_standard_error([&] {
-                  EXPECT_EQ(put(wire, missing), 0);
-              }).find("File open of '" + missing + "' failed."),
-              std::string::npos);
-    EXPECT_TRUE(wire.sent.empty() && !wire.closed());
-    wire.room = 100000;
-    EXPECT_EQ(put(wire, path), 0);
-    EXPECT_TRUE(wire.closed());
-    EXPECT_EQ(put(wire, path), 0);
-}
-
 TEST_F(PutFile, EveryFailureClosesTheFileAndIsReported) {
     const std::string path = make(40000);
     const StandardErrorCapture quiet;
