@@ -26,7 +26,7 @@ struct Ftp : testing::Test {
     bool play(const string &operation) {
         std::vector<string> words = parts_of(operation + (operation == "connect" ? " u p" : ""), " ");
         words.resize(3);
-        const string rest = expanded(operation.substr(operation.find(' ') + 1));
+        const string rest = operation.substr(operation.find(' ') + 1);
         if (words[0] == "connect") return connect(words[1].c_str(), words[2].c_str());
         if (words[0] == "cwd") return cm_ftp_cwd(&session, rest.c_str()) == 1;
         if (words[0] == "put") return cm_ftp_put(&session, folder.path(words[1]).c_str(), words[2].c_str()) == 1;
@@ -74,8 +74,8 @@ TEST_F(Ftp, DialoguesEndAsTheyShould) {
         EXPECT_EQ(told, parts_of(row[3], " ; "));
         EXPECT_EQ(wire.problem(), "");
         EXPECT_TRUE(!row[3].ends_with("data connection.") || (wire.last_wait_ms + 999) / 1000 == 180);
-        const string file = row[0].substr(row[0].rfind(' ') + 1), data = after(row[2], "data:");
-        const string have = wanted ? expanded(data) : file == "here" ? "old" : "";
+        const string file = row[0].substr(row[0].rfind(' ') + 1);
+        const string have = wanted ? after(row[2], "data:") : file == "here" ? "old" : "";
         EXPECT_TRUE(!row[0].starts_with("get") || folder.read(file) == have) << folder.read(file);
         folder.write("here", "old");
         folder.remove("there");
@@ -89,11 +89,9 @@ TEST_F(Ftp, AddressesThatAServerNames) {
     for (const Row &row : rows("ftp/addresses")) {
         cm::ftp::Address address = {};
         const bool named = cm::ftp::parse_address(row.text(0), &address);
-        char dotted[16] = "-";
         uint32_t number = 0;
         memcpy(&number, address.host, sizeof number);
-        if (named) cm::net::format_dotted(number, dotted);
-        EXPECT_EQ(dotted + (named ? ':' + std::to_string(address.port) : ""), row[1]) << row.where;
+        EXPECT_EQ(named ? dotted(number) + ":" + std::to_string(address.port) : "-", row[1]) << row.where;
         EXPECT_EQ(named && cm::ftp::may_name(address_of("8.8.8.8"), address), row[2] == "yes") << row.where;
         EXPECT_TRUE(cm::ftp::may_name(address_of("192.168.0.1"), address)) << row.where;
     }

@@ -7,30 +7,24 @@
 //     data:TEXT sends the bytes as data         recv:TEXT  wants these bytes as data
 //     break     the data connection is reset    end        closes the control connection
 //     !TEXT     what is sent or written beginning with TEXT fails; so do "connect", "listen", "rename"
-// "{N}" is N times the letter n.  Without a step to go on with, the server is silent.
+// Without a step to go on with, the server is silent.
 #pragma once
 
 #include <deque>
 #include <string>
 #include <vector>
 
-#include "net/address.h"
 #include "net/cmftp.h"
 #include "support/replace.h"
+#include "support/sockets.h"
 
 namespace cm::test {
-
-inline std::string expanded(std::string text) {
-    for (size_t at; (at = text.find('{')) != text.npos;)
-        text.replace(at, text.find('}') - at + 1, std::stoul(text.substr(at + 1)), 'n');
-    return text;
-}
 
 inline std::vector<std::string> parts_of(const std::string &text, const std::string &between) {
     std::vector<std::string> parts;
     for (size_t from = 0, end; from < text.size(); from = end + between.size()) {
         end = std::min(text.find(between, from), text.size());
-        parts.push_back(expanded(text.substr(from, end - from)));
+        parts.push_back(text.substr(from, end - from));
     }
     return parts;
 }
@@ -61,11 +55,6 @@ public:
     int32_t last_wait_ms = 0;  // of a wait in vain
 
 private:
-    static uint32_t address(const char *dotted) {
-        uint32_t number = 0;
-        net::parse_dotted(dotted, &number);
-        return number;
-    }
     void want(const std::string &wanted, const std::string &got) {
         if (wanted != got && problem_.empty()) problem_ = "wanted '" + wanted + "', got '" + got + "'";
     }
@@ -73,40 +62,17 @@ private:
     void go_on() {
         for (; next_ < steps_.size(); next_++) {
             const std::string &step = steps_[next_], rest = step.substr(1);
-            switch (step[0]) {
-                case '<':
-                case 'r':
-                    return;
-                case '>':
-                    control += rest + "\r\n";
-                    break;
-                case ')':
-                    control += rest;
-                    break;
-                case '*':
-                    for (int i = std::stoi(rest); i > 0; i--) control += rest.substr(rest.find(' ') + 1) + "\n";
-                    break;
-                case 'p':
-                    control += "227 Entering Passive Mode (127,0,0,9,4,1).\r\n";
-                    break;
-                case 'c':
-                    callers_.push_back(address("127.0.0.1"));
-                    break;
-                case 'f':
-                    callers_.push_back(address("127.0.0.2"));
-                    break;
-                case 'd':
-                    data = step.substr(5);
-                    break;
-                case 'b':
-                    broken = true;
-                    break;
-                case 'e':
-                    ended = true;
-                    break;
-                default:
-                    break;
-            }
+            if (step[0] == '<' || step.starts_with("recv:")) return;
+            if (step[0] == '>') control += rest + "\r\n";
+            if (step[0] == ')') control += rest;
+            if (step[0] == '*')
+                for (int i = std::stoi(rest); i > 0; i--) control += rest.substr(rest.find(' ') + 1) + "\n";
+            if (step == "pasv") control += "227 Entering Passive Mode (127,0,0,9,4,1).\r\n";
+            if (step == "connect") callers_.push_back(address_of("127.0.0.1"));
+            if (step == "foreign") callers_.push_back(address_of("127.0.0.2"));
+            if (step.starts_with("data:")) data = step.substr(5);
+            if (step == "break") broken = true;
+            if (step == "end") ended = true;
         }
     }
     Error told(cm_socket socket, const std::string &bytes) {
@@ -141,7 +107,7 @@ private:
         if (failing_ == "connect") return CM_ECONNREFUSED;
         if (control_ == 0 && port == ftp::kPort)
             control_ = socket;
-        else if (any_address || (to == address("127.0.0.9") && port == 1025))
+        else if (any_address || (to == address_of("127.0.0.9") && port == 1025))
             data_ = socket;
         else
             return CM_ECONNREFUSED;
@@ -163,13 +129,13 @@ private:
     const Replace<&Table::socket_accept> accept_{[this](auto, auto *out, auto *from, auto *port) {
         if (callers_.empty()) return CM_EWOULDBLOCK;
         *from = callers_.front(), *port = 20, *out = ++sockets_, callers_.pop_front();
-        if (*from == address("127.0.0.1")) data_ = *out;
+        if (*from == address_of("127.0.0.1")) data_ = *out;
         return 0;
     }};
     const Replace<&Table::socket_connect> connect_{
         [this](auto socket, auto to, auto port) { return connects(socket, to, port); }};
     const Replace<&Table::socket_local> local_{
-        [](auto, auto *own, auto *port) { return *own = address("127.0.0.1"), *port = 19 * 256 + 4, 0; }};
+        [](auto, auto *own, auto *port) { return *own = address_of("127.0.0.1"), *port = 19 * 256 + 4, 0; }};
     const Replace<&Table::socket_set_blocking> blocking_{[](auto...) { return 0; }};
     const Replace<&Table::socket_option> option_{[](auto...) { return 0; }};
     const Replace<&Table::socket_all_confirmed> confirmed_{[](auto) { return true; }};
