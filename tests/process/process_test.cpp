@@ -1,4 +1,4 @@
-// Real child processes: what they get, what becomes of them, and handles that outlive them.
+// Real child processes: what becomes of them, and handles that outlive them.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -11,8 +11,6 @@ using cm::platform::Process;
 using std::string;
 
 namespace {
-
-constexpr int32_t kPatienceMs = 20000;
 
 string child(const string &words) {
     return "\"" + child_program() + "\" " + words;
@@ -110,12 +108,12 @@ TEST(Exec, ATimeOutKillsGrandchildrenToo) {
 TEST(Exec, WhatCannotBeStartedIsLogged) {
     const Library lib;
     cm_value process = 1;
-    EXPECT_EQ(cm_exec(lib, "no-such-program-anywhere -x", nullptr, 5, nullptr), 0);
-    EXPECT_EQ(cm_spawn(lib, "no-such-program-anywhere -y", nullptr, &process), 0);
+    EXPECT_EQ(cm_exec(lib, "no-such-program -x", nullptr, 5, nullptr), 0);
+    EXPECT_EQ(cm_spawn(lib, "no-such-program -y", nullptr, &process), 0);
     EXPECT_EQ(process, 0u);
     EXPECT_EQ(cm_spawn(lib, nullptr, nullptr, nullptr), 0);
-    EXPECT_TRUE(lib.logged("ERROR: cm_exec() Unable to start: no-such-program-anywhere -x [2]"));
-    EXPECT_TRUE(lib.logged("ERROR: cm_spawn() Unable to start: no-such-program-anywhere -y [2]"));
+    EXPECT_TRUE(lib.logged("ERROR: cm_exec() Unable to start: no-such-program -x [2]"));
+    EXPECT_TRUE(lib.logged("ERROR: cm_spawn() Unable to start: no-such-program -y [2]"));
 }
 
 TEST(Exec, AThreadThatIsAskedToEndTakesItsChildAlong) {
@@ -134,79 +132,57 @@ TEST(Exec, AThreadThatIsAskedToEndTakesItsChildAlong) {
 TEST(Spawn, AHandleFromStartToEnd) {
     Witness witness;
     const Tap tap;
-    cm_value process = 0, next = 0;
+    cm_value first = 0, second = 0;
     int32_t code = -1;
-    ASSERT_EQ(cm_spawn(nullptr, witness.command("nest").c_str(), nullptr, &process), 1);
+    ASSERT_EQ(cm_spawn(nullptr, witness.command("nest").c_str(), nullptr, &first), 1);
     witness.await_child();
-    EXPECT_EQ(cm_exitcode(process, &code), 0);
-    EXPECT_EQ(cm_waitforobject(process, 0), 0);
+    EXPECT_EQ(cm_exitcode(first, &code), 0);
+    EXPECT_EQ(cm_waitforobject(first, 0), 0);
     EXPECT_EQ(cm_isrunning(tap.id()), 1);
-    std::thread waiter([&] { EXPECT_EQ(cm_waitforobject(process, -1), 1); });
-    EXPECT_EQ(cm_kill(process), 1);
+    std::thread waiter([&] { EXPECT_EQ(cm_waitforobject(first, -1), 1); });
+    EXPECT_EQ(cm_kill(first), 1);
     waiter.join();
     EXPECT_TRUE(witness.child_ends());
     EXPECT_EQ(cm_isrunning(tap.id()), 0);  // though its number is still taken
-    EXPECT_EQ(cm_exitcode(process, &code), 1);
+    EXPECT_EQ(cm_exitcode(first, &code), 1);
     EXPECT_EQ(code, kFoldsPathCase ? 1 : 128 + 9);
-    ASSERT_EQ(cm_spawn(nullptr, child("exit 9").c_str(), nullptr, &next), 1);
-    EXPECT_NE(next, process);
-    EXPECT_EQ(cm_waitforobject(next, -1), 1);
-    EXPECT_EQ(cm_exitcode(next, &code), 1);
-    EXPECT_EQ(code, 9);
-    for (const cm_value dead : {cm_value{0}, process, next, ~cm_value{0}}) {
-        EXPECT_EQ(cm_kill(dead), 0);
-        EXPECT_EQ(cm_exitcode(dead, &code), 0);
-        EXPECT_EQ(cm_waitforobject(dead, -1), 0);
-    }
-}
-
-TEST(Spawn, KillingByNumberEndsThatProcess) {
-    Witness witness;
-    const Tap tap;
-    ASSERT_EQ(cm_spawn(nullptr, witness.command("hold").c_str(), nullptr, nullptr), 1);
+    ASSERT_EQ(cm_spawn(nullptr, witness.command("hold").c_str(), nullptr, &second), 1);
+    EXPECT_NE(first, second);
     witness.await_child();
     EXPECT_EQ(cm_killid(tap.id()), 1);
     EXPECT_TRUE(witness.child_ends());
-    EXPECT_TRUE(eventually([&] { return cm_isrunning(tap.id()) == 0; }));
-    for (const int32_t none : {0, -1, INT32_MIN}) {
-        EXPECT_EQ(cm_isrunning(none), 0);
-        EXPECT_EQ(cm_killid(none), 0);
-    }
-}
-
-TEST(Spawn, EveryFailureIsCleanedUp) {
+    EXPECT_EQ(cm_waitforobject(second, -1), 1);
+    EXPECT_EQ(cm_exitcode(second, nullptr), 1);
+    for (const cm_value dead : {cm_value{0}, first, second, ~cm_value{0}})
+        EXPECT_EQ(cm_kill(dead) + cm_exitcode(dead, &code) + cm_waitforobject(dead, -1), 0);
+    for (const int32_t none : {0, -1, INT32_MIN}) EXPECT_EQ(cm_isrunning(none) + cm_killid(none), 0);
     int16_t started = 0;
-    const auto run = [&] {
-        cm_value process = 1;
-        captured_standard_error([&] { started = cm_spawn(nullptr, child("exit 4").c_str(), nullptr, &process); });
-        EXPECT_EQ(started == 0, process == 0);
-        if (started == 0) return;
-        EXPECT_EQ(cm_waitforobject(process, kPatienceMs), 1);
-        EXPECT_EQ(cm_exitcode(process, nullptr), 1);
-    };
-    run();  // makes what is made once
-    each_failure(Faults::kBoth & ~Faults::kSockets, run, [&](bool injected, size_t leaked) {
-        EXPECT_TRUE(injected || started == 1);
-        EXPECT_EQ(leaked, 0u);
-    });
+    each_failure(
+        Faults::kAllocations | Faults::kProcesses | Faults::kLocks,
+        [&] {
+            started = cm_spawn(witness.net.lib, child("exit 4").c_str(), nullptr, &first);
+            EXPECT_EQ(started == 0, first == 0);
+            EXPECT_TRUE(started == 0 || (cm_waitforobject(first, -1) == 1 && cm_exitcode(first, nullptr) == 1));
+        },
+        [&](bool injected, size_t leaked) {
+            EXPECT_TRUE(injected || started == 1);
+            EXPECT_EQ(leaked, 0u);
+        });
 }
 
 TEST(WaitForObject, ADescriptorThatBecomesReadable) {
     if (kFoldsPathCase) GTEST_SKIP() << "a socket is no object to wait for there";
-    cm::platform::Wake wake;
-    ASSERT_EQ(os.wake_create(&wake), 0);
-    const auto object = static_cast<cm_value>(wake.read_end);
+    Udp sender, receiver;
+    const auto object = static_cast<cm_value>(receiver.socket());
     EXPECT_EQ(cm_waitforobject(object, 0), 0);
-    os.wake_set(&wake);
+    sender.send("x", receiver.port());
     EXPECT_EQ(cm_waitforobject(object, -1), 1);
-    os.wake_destroy(&wake);
-    EXPECT_EQ(cm_waitforobject(object, -1), 0);
+    EXPECT_EQ(cm_waitforobject(1 << 20, -1), 0);  // no descriptor
 }
 
 TEST(Services, AsTheInitSystemTells) {
-    EXPECT_EQ(cm_issvcinstalled("no-such-service-anywhere"), 0);
-    EXPECT_EQ(cm_issvcrunning("no-such-service-anywhere"), 0);
-    EXPECT_EQ(cm_issvcinstalled(nullptr), 0);
+    EXPECT_EQ(cm_issvcinstalled("no-such-service") + cm_issvcrunning("no-such-service"), 0);
+    EXPECT_EQ(cm_issvcinstalled(nullptr) + cm_issvcrunning(nullptr), 0);
     if (kFoldsPathCase) {
         EXPECT_EQ(cm_issvcinstalled("RpcSs"), 1);
         return;
@@ -223,7 +199,6 @@ TEST(Services, AsTheInitSystemTells) {
                 return start.real(child("exit " + row[2]).c_str(), nullptr, standard, out);
             }};
         EXPECT_EQ(cm_issvcinstalled(row.text(0)), row.number(3));
-        EXPECT_EQ(command, "");
         EXPECT_EQ(cm_issvcrunning(row.text(0)), row.number(4));
         EXPECT_EQ(command, row[5]);
     }
