@@ -1,6 +1,9 @@
 // Threads, the thread table, mutexes.
+#include <deque>
+
 #include "core/cmblocks.h"
 #include "support/replace.h"
+#include "support/scenario.h"
 #include "threads/host.h"
 
 using namespace cm;
@@ -28,20 +31,113 @@ cm_value value_of(void *pointer) {
     return reinterpret_cast<cm_value>(pointer);
 }
 
-cm_thread *start(Host &host, Gate &gate, const char *label = "test") {
-    cm_thread *thread = nullptr;
-    const int before = gate.waiting();
-    EXPECT_EQ(cm_create_thread(host.ctx(), wait_at, value_of(&gate), label, &thread), 1);
-    await([&] { return gate.waiting() > before; });
-    return thread;
-}
-
 void run_to_end(Host &host) {
     ASSERT_EQ(cm_create_thread(host.ctx(), end_at_once, 0, "short", nullptr), 1);
     host.settle();
 }
 
-// ---- mutexes --------------------------------------------------------------------------------------------------------
+// Threads that do not leave when they are asked: the entries that wait for them and stop them are replaced.
+struct Stubborn {
+    int asked = 0, parked = 0;
+    int64_t now_ms = 0;
+    bool can_be_parked = true;
+
+    const Replace<&platform::Table::thread_ask> ask{[this](platform::Thread *) { asked++; }};
+    const Replace<&platform::Table::thread_join> join{[this](platform::Thread *, int32_t timeout_ms) {
+        EXPECT_GE(timeout_ms, 0);
+        EXPECT_LE(timeout_ms, 2000);
+        now_ms += timeout_ms;
+        return false;
+    }};
+    const Replace<&platform::Table::monotonic_ms> clock{[this] { return now_ms; }};
+    const Replace<&platform::Table::thread_park> park{[this](platform::Thread *) {
+        parked++;
+        return can_be_parked;
+    }};
+};
+
+// The steps of data/threads.txt.
+struct ThreadSteps : World {
+    explicit ThreadSteps(const Row &) {
+        on("limit", [this](auto &words) { host->max_threads = static_cast<int32_t>(words.number(0)); });
+        on("start", [this](auto &words) {
+            static std::deque<Gate> &made = *new std::deque<Gate>;  // they stay for threads that never leave
+            Gate *const gate = gates[words[0]] = &made.emplace_back();
+            const int16_t started = cm_create_thread(host.ctx(), wait_at, value_of(gate), "test", &threads[words[0]]);
+            await([&] { return started == 0 || gate->waiting() > 0; });
+            return started;
+        });
+        on("sleeper", [this](auto &words) {
+            return cm_create_thread(host.ctx(), sleep_long, value_of(&asleep), "test", &threads[words[0]]);
+        });
+        on("open", [this](auto &words) { gates[words[0]]->open(); });
+        on("record", [this](auto &words) {
+            const cm_thread *thread = threads[words[0]];
+            if (thread == nullptr) return std::string("-");
+            cm_value found = 0;
+            const MutexGuard guard(host->thread_mutex);
+            cm_hash_entry(host->thread_table, CM_OP_FIND, &thread->table_key, sizeof(cm_value), value_of(&found));
+            const bool whole = thread->table_key == value_of(thread->handle) && found == value_of(threads[words[0]]) &&
+                               thread->ctx == host.ctx();
+            return (whole ? thread->label : "?") + (" " + std::to_string(thread->serial));
+        });
+        on("serial", [this](auto &words) { host->thread_serial = static_cast<int32_t>(words.number(0)); });
+        on("same", [this](auto &words) { return threads[words[0]] == threads[words[1]]; });
+        on("spare", [this](auto &) -> std::string {
+            const cm_thread *spare = host->thread_spare;
+            if (spare == nullptr) return "-";
+            if (spare->next != nullptr) return "many";
+            return std::find_if(threads.begin(), threads.end(), [&](auto &it) { return it.second == spare; })->first;
+        });
+        on("threads", [this](auto &) { return host.threads(); });
+        on("settle", [this](auto &) { host.settle(); });
+        on("terminate", [this](auto &words) { return cm_terminate_thread(threads[words[0]]); });
+        on("free", [this](auto &) { return cm_free_threads(host.ctx()); });
+        on("wait", [this](auto &words) {  // for all; with a name: that one may go in the first second
+            const Replace<&platform::Table::sleep> sleep([&](int32_t milliseconds) {
+                slept += milliseconds;
+                if (words.count() > 0) gates[words[0]]->open(), host.settle();
+                return true;
+            });
+            slept = 0;
+            return cm_waitfor_threads(host.ctx());
+        });
+        on("slept", [this](auto &) { return slept; });
+        on("stubborn", [this](auto &words) { stubborn.emplace().can_be_parked = words[0] != "unparkable"; });
+        on("waited", [this](auto &) { return stubborn->now_ms; });
+        on("asked", [this](auto &) { return stubborn->asked; });
+        on("parked", [this](auto &) { return stubborn->parked; });
+        on("leaves-when-parked", [this](auto &words) {
+            leaves.emplace([this, gate = gates[words[0]]](platform::Thread *left) {
+                gate->open();
+                EXPECT_TRUE(stubborn->join.real(left, platform::kForever));
+                return false;
+            });
+        });
+        on("forget", [this](auto &) {
+            stubborn.reset();
+            Leavers::forget();
+        });
+        on("logged", [this](auto &words) { return host.logged(words.rest(0)); });
+        on("log", [this](auto &) {
+            std::string text;
+            for (const std::string &line : host.log()) text += line + "\n";
+            return text;
+        });
+    }
+
+    Host host;
+    std::map<std::string, Gate *> gates;
+    std::map<std::string, cm_thread *> threads;
+    std::atomic<int> asleep = 0;
+    int slept = 0;
+    std::optional<Stubborn> stubborn;
+    std::optional<Replace<&platform::Table::thread_park, 1>> leaves;
+};
+SCENARIOS(ThreadRecords, ThreadSteps, "threads/threads");
+
+// ---- mutexes
+// --------------------------------------------------------------------------------------------------------
 
 TEST(Mutexes, MayBeTakenAgainByTheirHolderAndTellWhichPartFoundNoMemory) {
     cm_mutex *mutex = nullptr;
@@ -65,51 +161,8 @@ TEST(Mutexes, MayBeTakenAgainByTheirHolderAndTellWhichPartFoundNoMemory) {
     }
 }
 
-// ---- records --------------------------------------------------------------------------------------------------------
-
-TEST(Threads, ARecordIsInTheTableUnderTheAddressOfItsCell) {
-    Host host;
-    Gate gate;
-    cm_thread *thread = start(host, gate, "label"), *none = thread;
-    EXPECT_STREQ(thread->label, "label");
-    EXPECT_EQ(thread->ctx, host.ctx());
-    EXPECT_EQ(thread->table_key, value_of(thread->handle));
-    cm_value found = 0;
-    {
-        const MutexGuard guard(host->thread_mutex);
-        EXPECT_EQ(cm_hash_entry(host->thread_table, CM_OP_FIND, &thread->table_key, sizeof(cm_value), value_of(&found)),
-                  1);
-    }
-    EXPECT_EQ(found, value_of(thread));
-    EXPECT_EQ(thread->serial, 0);
-    host->thread_serial = 999998;
-    EXPECT_EQ(start(host, gate)->serial, 999998);
-    EXPECT_EQ(start(host, gate)->serial, 0);
-    gate.open();
-    host.settle();
-    const auto empty = std::make_unique<cm_context>();
-    EXPECT_EQ(cm_create_thread(host.ctx(), nullptr, 0, "x", &none), 0);
-    EXPECT_EQ(cm_create_thread(empty.get(), end_at_once, 0, "x", &none), 0);
-    EXPECT_EQ(cm_free_threads(empty.get()), 1);
-    EXPECT_EQ(cm_terminate_thread(nullptr) + cm_free_threads(nullptr) + cm_waitfor_threads(nullptr), 0);
-}
-
-TEST(Threads, TheLimitHoldsUntilARecordIsSpare) {
-    Host host;
-    host->max_threads = 2;
-    Gate first_gate, gate;
-    cm_thread *first = start(host, first_gate), *none = first;
-    start(host, gate);
-    EXPECT_EQ(cm_create_thread(host.ctx(), wait_at, 0, "third", &none), 0);
-    EXPECT_EQ(none, nullptr);
-    EXPECT_EQ(host.logged("ERROR: Maximum number of threads exceeded (2)."), 1);
-    first_gate.open();
-    await([&] { return host.threads() == 1; });
-    host->max_threads = 0;  // a spare record is taken without asking for the limit
-    EXPECT_EQ(start(host, gate), first);
-    gate.open();
-    host.settle();
-}
+// ---- records
+// --------------------------------------------------------------------------------------------------------
 
 TEST(Threads, EveryFailureOfAStartIsUndone) {
     int failures = 0;
@@ -165,25 +218,17 @@ TEST(Threads, WithoutAContextNothingIsKept) {
     }
 }
 
-// ---- ends from outside ----------------------------------------------------------------------------------------------
-
-TEST(Threads, ATerminatedSleeperLeavesAtOnceAndItsRecordIsSpare) {
+TEST(Threads, WrongArguments) {
     Host host;
-    std::atomic<int> asleep{0};
-    cm_thread *thread = nullptr;
-    ASSERT_EQ(cm_create_thread(host.ctx(), sleep_long, value_of(&asleep), "sleeper", &thread), 1);
-    EXPECT_EQ(cm_terminate_thread(thread), 1);
-    EXPECT_EQ(host.threads(), 0);
-    EXPECT_EQ(host->thread_spare, thread);
-    EXPECT_EQ(cm_terminate_thread(thread), 1);  // it has ended: nothing happens twice
-    EXPECT_EQ(thread->next, nullptr);
-    Leavers::join();
-    LeakCheck leaks;
-    ASSERT_EQ(cm_create_thread(nullptr, sleep_long, value_of(&asleep), "loose", &thread), 1);
-    EXPECT_EQ(cm_terminate_thread(thread), 1);
-    Leavers::join();
-    EXPECT_EQ(leaks.outstanding(), 0u);
+    cm_thread *none = nullptr;
+    const auto empty = std::make_unique<cm_context>();
+    EXPECT_EQ(cm_create_thread(host.ctx(), nullptr, 0, "x", &none), 0);
+    EXPECT_EQ(cm_create_thread(empty.get(), end_at_once, 0, "x", &none), 0);
+    EXPECT_EQ(cm_free_threads(empty.get()), 1);
+    EXPECT_EQ(cm_terminate_thread(nullptr) + cm_free_threads(nullptr) + cm_waitfor_threads(nullptr), 0);
 }
+
+// ---- ends from outside ----------------------------------------------------------------------------------------------
 
 TEST(Threads, AThreadThatTerminatesItselfGoesWhenItsFunctionReturns) {
     Host host;
@@ -196,7 +241,11 @@ TEST(Threads, AThreadThatTerminatesItselfGoesWhenItsFunctionReturns) {
     host.settle();
     EXPECT_NE(host->thread_spare, nullptr);
     LeakCheck leaks;
+    cm_thread *loose = nullptr;
+    std::atomic<int> asleep{0};
     EXPECT_EQ(cm_create_thread(nullptr, itself, 0, "x", nullptr), 1);
+    EXPECT_EQ(cm_create_thread(nullptr, sleep_long, value_of(&asleep), "loose", &loose), 1);
+    EXPECT_EQ(cm_terminate_thread(loose), 1);
     await([&] {
         Leavers::join();
         return leaks.outstanding() == 0;
@@ -214,65 +263,6 @@ TEST(Threads, EndsFromBothSidesGiveARecordBackOnce) {
         EXPECT_EQ(host->thread_spare, thread);
         EXPECT_EQ(thread->next, nullptr);
     }
-}
-
-// Threads that do not leave when they are asked: the entries that wait for them and stop them are replaced.
-struct Stubborn {
-    int asked = 0, parked = 0;
-    int64_t now_ms = 0;
-    bool can_be_parked = true;
-
-    const Replace<&platform::Table::thread_ask> ask{[this](platform::Thread *) { asked++; }};
-    const Replace<&platform::Table::thread_join> join{[this](platform::Thread *, int32_t timeout_ms) {
-        EXPECT_GE(timeout_ms, 0);
-        EXPECT_LE(timeout_ms, 2000);
-        now_ms += timeout_ms;
-        return false;
-    }};
-    const Replace<&platform::Table::monotonic_ms> clock{[this] { return now_ms; }};
-    const Replace<&platform::Table::thread_park> park{[this](platform::Thread *) {
-        parked++;
-        return can_be_parked;
-    }};
-};
-
-TEST(Threads, AParkedThreadsRecordIsSpareAndAllWaitTogetherTwoSeconds) {
-    static Gate &gate = *new Gate;  // what passes for parked waits here to the end
-    Host host;
-    cm_thread *first = start(host, gate);
-    start(host, gate);
-    start(host, gate);
-    const Stubborn stubborn;
-    EXPECT_EQ(cm_terminate_thread(first), 1);
-    EXPECT_EQ(stubborn.now_ms, 2000);
-    EXPECT_EQ(host->thread_spare, first);
-    EXPECT_EQ(cm_free_threads(host.ctx()), 1);
-    EXPECT_EQ(stubborn.now_ms, 4000);
-    EXPECT_EQ(stubborn.asked, 3);
-    EXPECT_EQ(stubborn.parked, 3);
-    EXPECT_EQ(host->thread_spare, nullptr);
-    EXPECT_EQ(host.threads(), 2);
-    Leavers::forget();
-}
-
-TEST(Threads, AThreadThatCannotBeStoppedKeepsItsRecordUntilItLeaves) {
-    Host host;
-    Gate gate;
-    const auto join = os.thread_join;
-    cm_thread *thread = start(host, gate);
-    Stubborn stubborn;
-    stubborn.can_be_parked = false;
-    EXPECT_EQ(cm_terminate_thread(thread), 0);
-    EXPECT_EQ(host.threads(), 1);
-    EXPECT_EQ(host->thread_spare, nullptr);
-    const Replace<&platform::Table::thread_park, 1> leaves_just_then([&](platform::Thread *left) {
-        gate.open();
-        EXPECT_TRUE(join(left, platform::kForever));
-        return false;
-    });
-    EXPECT_EQ(cm_terminate_thread(thread), 1);
-    EXPECT_EQ(host.threads(), 0);
-    EXPECT_EQ(host->thread_spare, thread);
 }
 
 TEST(Threads, FreeingEndsAllButTheCallersOwn) {
@@ -308,33 +298,6 @@ TEST(Threads, FreeingAlsoFindsThreadsThatEndingOnesStart) {
     await([] { return asleep == 1; });
     EXPECT_EQ(cm_free_threads(host.ctx()), 1);
     EXPECT_EQ(host->thread_spare, nullptr);
-}
-
-// ---- waiting --------------------------------------------------------------------------------------------------------
-
-TEST(Threads, WaitingForAllEndsWithTheLastOrAfter45Seconds) {
-    Host host;
-    Gate gate;
-    {
-        FrozenClock clock;
-        EXPECT_EQ(cm_waitfor_threads(host.ctx()), 1);
-        EXPECT_EQ(clock.slept_ms(), 0) << "for nobody it takes no time";
-        start(host, gate);
-        start(host, gate);
-        EXPECT_EQ(cm_waitfor_threads(host.ctx()), 0);
-        EXPECT_EQ(clock.slept_ms(), 45000);
-    }
-    const Replace<&platform::Table::sleep> sleep([&](int32_t milliseconds) {
-        EXPECT_EQ(milliseconds, 1000);
-        gate.open();
-        host.settle();
-        return true;
-    });
-    EXPECT_EQ(cm_waitfor_threads(host.ctx()), 1);
-    const std::string waiting = "INFO:  Waiting for active threads to terminate...";
-    EXPECT_EQ(host.log(), (std::vector<std::string>{waiting, "INFO:  Closing with NO OPEN THREADS...", waiting,
-                                                    "INFO:  Closing with 2 active threads...", waiting,
-                                                    "INFO:  Closing with NO OPEN THREADS..."}));
 }
 
 // ---- many at once ---------------------------------------------------------------------------------------------------
