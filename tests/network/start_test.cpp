@@ -26,6 +26,9 @@ TEST(Bare, WithoutAContext) {
     cm_net_shutdown(state);
     loop.join();
     EXPECT_EQ(cm_net_exit(state), 1);
+    EXPECT_EQ(cm_net_exit(state) + cm_net_trace(nullptr, 1) + cm_net_sendto(nullptr, nullptr, 1, 1, "x", 1) +
+                  cm_net_recv(nullptr, nullptr, nullptr, 1, 0, nullptr),
+              0);
 }
 
 // One whole life: start, a listener, a request served through an outgoing connection and back, stop.  True: all of it
