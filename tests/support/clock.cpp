@@ -1,8 +1,8 @@
-#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <thread>
 
+#include "core/cmstamp.h"
 #include "support/support.h"
 
 namespace cm::test {
@@ -14,8 +14,6 @@ using platform::WallTime;
 namespace {
 
 Table below;
-std::atomic<int64_t> wall_ms, running_ms, slept;
-std::atomic<bool> broken;
 std::thread::id owner;
 
 std::mutex zone_mutex;  // guards what follows
@@ -23,60 +21,10 @@ int32_t zone_bias;
 std::function<bool(int64_t)> daylight_in_force;
 WallTime set_value;
 
-bool wall_clock(WallTime *out) {
-    if (broken) return false;
-    const int64_t now = wall_ms;
-    *out = {now / 1000, static_cast<int32_t>(now % 1000)};
-    return true;
-}
-
-void move(int64_t milliseconds) {
-    wall_ms += milliseconds;
-    running_ms += milliseconds;
-}
-
-// For a thread that does not own the clock: until the clock says so, the thread is asked to end, or `done`.
-template <class Done>
-bool wait_until(int64_t end, Done done) {
-    while (running_ms < end)
-        if (done() || os.thread_asked()) return true;
-    return false;
-}
-
-bool sleep(int32_t milliseconds) {
-    if (os.thread_asked()) return false;
-    if (std::this_thread::get_id() == owner) {
-        move(milliseconds);
-        slept += milliseconds;
-        return true;
-    }
-    wait_until(running_ms + milliseconds, [] { return !below.sleep(1); });
-    return !os.thread_asked();
-}
-
-bool event_wait(platform::Event *event, int32_t timeout_ms) {
-    if (timeout_ms <= 0 || std::this_thread::get_id() == owner) return below.event_wait(event, timeout_ms);
-    bool set = false;
-    wait_until(running_ms + timeout_ms, [&] { return set = below.event_wait(event, 1); });
-    return set || below.event_wait(event, 0);
-}
-
 bool zoned_calendar(int64_t seconds, cm_tm *out) {
-    using namespace std::chrono;
     std::lock_guard guard(zone_mutex);
     const bool daylight = daylight_in_force && daylight_in_force(seconds);
-    const sys_seconds local{std::chrono::seconds(seconds - zone_bias + (daylight ? 3600 : 0))};
-    const sys_days day = floor<days>(local);
-    const year_month_day date(day);
-    const hh_mm_ss time(local - day);
-    out->sec = static_cast<int32_t>(time.seconds().count());
-    out->min = static_cast<int32_t>(time.minutes().count());
-    out->hour = static_cast<int32_t>(time.hours().count());
-    out->mday = static_cast<int32_t>(static_cast<unsigned>(date.day()));
-    out->mon = static_cast<int32_t>(static_cast<unsigned>(date.month())) - 1;
-    out->year = static_cast<int32_t>(date.year()) - 1900;
-    out->wday = static_cast<int32_t>(weekday(day).c_encoding());
-    out->yday = static_cast<int32_t>((day - sys_days(date.year() / January / 1)).count());
+    if (!cm::time::gmt_calendar(seconds - zone_bias + (daylight ? 3600 : 0), out)) return false;
     out->isdst = daylight;
     return true;
 }
@@ -95,37 +43,42 @@ platform::Error note_set(const cm_tm *utc, int32_t milliseconds) {
 
 FrozenClock::FrozenClock(int64_t seconds, int32_t milliseconds) : saved_(os) {
     below = os;
-    wall_ms = seconds * 1000 + milliseconds;
-    running_ms = 1000000;
-    slept = 0;
+    set(seconds, milliseconds);
+    running_ms_ = 1000000;
+    slept_ms_ = 0;
     set_value = {};
-    broken = false;
+    broken_ = false;
     owner = std::this_thread::get_id();
-    os.wall_clock = wall_clock;
-    os.monotonic_ms = [] { return running_ms.load(); };
-    os.sleep = sleep;
-    os.event_wait = event_wait;
+    os.wall_clock = [](WallTime *out) {
+        const int64_t now = wall_ms_;
+        if (!broken_) *out = {now / 1000, static_cast<int32_t>(now % 1000)};
+        return !broken_;
+    };
+    os.monotonic_ms = [] { return running_ms_.load(); };
+    os.sleep = [](int32_t ms) {
+        const int64_t end = running_ms_ + ms;
+        if (os.thread_asked()) return false;
+        if (std::this_thread::get_id() == owner) {
+            move(ms);
+            slept_ms_ += ms;
+            return true;
+        }
+        while (running_ms_ < end && below.sleep(1)) {
+        }
+        return !os.thread_asked();
+    };
+    os.event_wait = [](platform::Event *event, int32_t timeout_ms) {
+        if (timeout_ms <= 0 || std::this_thread::get_id() == owner) return below.event_wait(event, timeout_ms);
+        const int64_t end = running_ms_ + timeout_ms;
+        while (running_ms_ < end && !os.thread_asked())
+            if (below.event_wait(event, 1)) return true;
+        return below.event_wait(event, 0);
+    };
     os.set_wall_clock = note_set;
 }
 
 FrozenClock::~FrozenClock() {
     os = saved_;
-}
-
-void FrozenClock::set(int64_t seconds, int32_t milliseconds) {
-    wall_ms = seconds * 1000 + milliseconds;
-}
-void FrozenClock::advance_ms(int64_t milliseconds) {
-    move(milliseconds);
-}
-int64_t FrozenClock::seconds() const {
-    return wall_ms / 1000;
-}
-int64_t FrozenClock::slept_ms() const {
-    return slept;
-}
-void FrozenClock::fail(bool now_broken) {
-    broken = now_broken;
 }
 
 void FrozenClock::set_zone(int32_t bias_seconds, std::function<bool(int64_t seconds)> in_force) {

@@ -1,9 +1,7 @@
 #include <algorithm>
-#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
 
 #include "support/support.h"
 
@@ -20,6 +18,11 @@ fs::path native(const std::string &text) {
 std::string portable(const fs::path &path) {
     const std::u8string text = path.generic_u8string();
     return {text.begin(), text.end()};
+}
+
+std::string contents(const std::string &path) {
+    std::ifstream in(native(path), std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 }  // namespace
@@ -59,8 +62,7 @@ std::string TempFolder::write(std::string_view name, std::string_view bytes) con
 }
 
 std::string TempFolder::read(std::string_view name) const {
-    std::ifstream in(native(path(name)), std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    return contents(path(name));
 }
 
 bool TempFolder::exists(std::string_view name) const {
@@ -101,8 +103,7 @@ std::vector<std::string> lines_of(std::string_view text) {
 }
 
 std::vector<std::string> log_lines(const std::string &path) {
-    std::ifstream in(native(path), std::ios::binary);
-    std::vector<std::string> out = lines_of(std::string(std::istreambuf_iterator<char>(in), {}));
+    std::vector<std::string> out = lines_of(contents(path));
     constexpr size_t kStamp = std::string_view("[2001-09-09 01:46:40] ").size();
     for (std::string &line : out)
         if (line.size() >= kStamp && line[0] == '[' && line.compare(kStamp - 2, 2, "] ") == 0) line.erase(0, kStamp);
@@ -141,16 +142,18 @@ bool has_full_device() {
 }  // namespace
 
 const char *missing(Feature feature) {
-    switch (feature) {
-        case Feature::kFileModes:
-            return has_file_modes() ? nullptr : "owner and others have the same permissions on this system";
-        case Feature::kSymbolicLinks:
-            return has_symbolic_links() ? nullptr : "this system or account makes no symbolic links";
-        case Feature::kFileToSocket:
-            return has_file_to_socket() ? nullptr : "this system has no call from a file to a socket; pieces are sent";
-        case Feature::kFullDevice:
-            return has_full_device() ? nullptr : "this system has no device that is always full";
-    }
+    const struct {
+        Feature feature;
+        bool (*there)();
+        const char *why_not;
+    } features[] = {
+        {Feature::kFileModes, has_file_modes, "owner and others have the same permissions on this system"},
+        {Feature::kSymbolicLinks, has_symbolic_links, "this system or account makes no symbolic links"},
+        {Feature::kFileToSocket, has_file_to_socket, "this system has no call from a file to a socket"},
+        {Feature::kFullDevice, has_full_device, "this system has no device that is always full"},
+    };
+    for (const auto &[which, there, why_not] : features)
+        if (which == feature && !there()) return why_not;
     return nullptr;
 }
 

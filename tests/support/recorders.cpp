@@ -1,5 +1,3 @@
-#include <stdio.h>
-
 #include <mutex>
 
 #include "support/support.h"
@@ -69,20 +67,9 @@ Error file_write(int32_t descriptor, const void *data, size_t count, size_t *out
     return note("write " + names[descriptor] + " " + std::to_string(*out), error);
 }
 
-Error file_resize(int32_t descriptor, int64_t size) {
-    std::lock_guard guard(calls_mutex);
-    return note("resize " + names[descriptor] + " " + std::to_string(size), below.file_resize(descriptor, size));
-}
-
 Error file_sync(int32_t descriptor) {
     std::lock_guard guard(calls_mutex);
     return note("sync " + names[descriptor], below.file_sync(descriptor));
-}
-
-Error path_set_mode(const char *path, uint32_t mode) {
-    char digits[16];
-    snprintf(digits, sizeof digits, " %04o", mode);
-    return noted("mode " + shorter(path) + digits, [&] { return below.path_set_mode(path, mode); });
 }
 
 }  // namespace
@@ -95,9 +82,7 @@ CallRecorder::CallRecorder(const std::string &strip) : saved_(os) {
     os.file_open = file_open;
     os.file_close = file_close;
     os.file_write = file_write;
-    os.file_resize = file_resize;
     os.file_sync = file_sync;
-    os.path_set_mode = path_set_mode;
     using Path = const char *;
     record<&Table::path_rename, Path, Path>("rename");
     record<&Table::path_link, Path, Path>("link");
@@ -119,15 +104,10 @@ std::vector<std::string> CallRecorder::lines(std::string_view containing) const 
     return out;
 }
 
-std::string CallRecorder::text(std::string_view containing) const {
+std::string CallRecorder::text() const {
     std::string out;
-    for (const std::string &line : lines(containing)) out += line + "\n";
+    for (const std::string &line : lines()) out += line + "\n";
     return out;
-}
-
-void CallRecorder::clear() {
-    std::lock_guard guard(calls_mutex);
-    calls.clear();
 }
 
 // ---- StandardErrorCapture -------------------------------------------------------------------------------------------

@@ -7,6 +7,7 @@
 
 #include <stdint.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <string>
@@ -128,12 +129,13 @@ public:
     explicit FrozenClock(int64_t seconds = 1000000000, int32_t milliseconds = 0);
     ~FrozenClock();
 
-    void set(int64_t seconds, int32_t milliseconds = 0);  // the wall clock alone; monotonic time stands
-    void advance(int64_t seconds) { advance_ms(seconds * 1000); }
-    void advance_ms(int64_t milliseconds);  // both
-    int64_t seconds() const;
-    int64_t slept_ms() const;  // by all sleeps of the owner
-    void fail(bool broken);    // wall_clock cannot be read
+    // The wall clock alone; monotonic time stands.
+    void set(int64_t seconds, int32_t milliseconds = 0) { wall_ms_ = seconds * 1000 + milliseconds; }
+    void advance(int64_t seconds) { move(seconds * 1000); }
+    void advance_ms(int64_t milliseconds) { move(milliseconds); }
+    int64_t seconds() const { return wall_ms_ / 1000; }
+    int64_t slept_ms() const { return slept_ms_; }  // by all sleeps of the owner
+    void fail(bool broken) { broken_ = broken; }    // wall_clock cannot be read
 
     // A fixed zone for local_calendar and zone_bias_seconds: standard bias in seconds, positive west of Greenwich, and
     // whether daylight saving (one hour) is in force, for every time or for those that `in_force` says.
@@ -143,6 +145,13 @@ public:
     platform::WallTime set_to() const;
 
 private:
+    static void move(int64_t milliseconds) {
+        wall_ms_ += milliseconds;
+        running_ms_ += milliseconds;
+    }
+
+    static inline std::atomic<int64_t> wall_ms_, running_ms_, slept_ms_;
+    static inline std::atomic<bool> broken_;
     platform::Table saved_;
 };
 
@@ -152,7 +161,6 @@ private:
 //     create NAME       file_open with CM_O_CREAT          rename FROM TO
 //     open NAME         any other file_open                link FROM TO
 //     write NAME COUNT  bytes written                      remove NAME
-//     resize NAME SIZE                                     mode NAME 0644
 //     sync NAME                                            mkdir NAME, rmdir NAME
 //     close NAME                                           sync-folder NAME
 // A call that failed has " = NUMBER" at its end.
@@ -162,8 +170,7 @@ public:
     ~CallRecorder();
 
     std::vector<std::string> lines(std::string_view containing = "") const;
-    std::string text(std::string_view containing = "") const;  // the same, each with "\n"
-    void clear();
+    std::string text() const;  // the same, all of them, each with "\n"
 
 private:
     platform::Table saved_;
