@@ -1,6 +1,6 @@
 // The client against a server of any manners.
 #include "network/net.h"
-#include "support/data.h"
+#include "support/scenario.h"
 #include "wire.h"
 
 using namespace cm::test;
@@ -12,45 +12,35 @@ using std::string;
 constexpr char kLogIn[] = ">220 hello ; <USER u ; >230 in ; <TYPE I ; >200 ok ; ";
 constexpr char kGet[] = "<PASV ; pasv ; <RETR r ; >150 go ; data:new ; >226 done";
 
-// The text behind `what` in a script, up to the end of its step.
-string after(const string &script, const string &what) {
-    const size_t at = script.find(what);
-    return at == script.npos ? "" : script.substr(at + what.size(), script.find(" ;", at) - at - what.size());
-}
-
 struct Ftp : testing::Test {
     Ftp() { folder.write("here", "old"); }
 
     // "connect [USER PASSWORD]", "cwd NAME", "mkdir NAME", "quiet NAME" (mkdir), "put LOCAL REMOTE", "get REMOTE LOCAL"
     // and "far ..." (get from a server on the public net); local names are below the folder.
     bool play(const string &operation) {
-        std::vector<string> words = parts_of(operation + (operation == "connect" ? " u p" : ""), " ");
-        words.resize(3);
-        const string rest = operation.substr(operation.find(' ') + 1);
-        if (words[0] == "connect") return connect(words[1].c_str(), words[2].c_str());
-        if (words[0] == "cwd") return cm_ftp_cwd(&session, rest.c_str()) == 1;
-        if (words[0] == "put") return cm_ftp_put(&session, folder.path(words[1]).c_str(), words[2].c_str()) == 1;
-        if (words[0] == "mkdir" || words[0] == "quiet")
-            return cm_ftp_mkdir(&session, rest.c_str(), words[0] == "quiet") == 1;
+        const Words words(operation == "connect" ? "connect u p" : operation);
+        const char *const one = words.text(1), *const two = words.text(2);
+        if (words[0] == "connect") {
+            told.clear();
+            const auto note = [](cm_context *, cm_value argument, const char *text) {
+                auto &all = reinterpret_cast<Ftp *>(argument)->told;
+                if (!all.ends_with(text)) all += (all.empty() ? "" : " ; ") + string(text);
+            };
+            return cm_ftp_connect(net.lib, net.state, "127.0.0.1", one, two, CM_OUT(this), note, &session) == 1;
+        }
+        if (words[0] == "cwd") return cm_ftp_cwd(&session, one) == 1;
+        if (words[0] == "put") return cm_ftp_put(&session, folder.path(one).c_str(), two) == 1;
+        if (words[0] != "get" && words[0] != "far") return cm_ftp_mkdir(&session, one, words[0] == "quiet") == 1;
         if (words[0] == "far") session.control->peer_addr = address_of("8.8.8.8");
-        return cm_ftp_get(&session, words[1].c_str(), folder.path(words[2]).c_str()) == 1;
-    }
-    bool connect(const char *user, const char *password) {
-        told.clear();
-        const auto note = [](cm_context *, cm_value argument, const char *text) {
-            auto &all = reinterpret_cast<Ftp *>(argument)->told;
-            if (all.empty() || all.back() != text) all.push_back(text);
-        };
-        return cm_ftp_connect(net.lib, net.state, "127.0.0.1", user, password, reinterpret_cast<cm_value>(this), note,
-                              &session) == 1;
+        return cm_ftp_get(&session, one, folder.path(two).c_str()) == 1;
     }
     // What the cache has of a local file.
     string cached(const string &path) {
         char text[16] = "";
         int32_t got = 0;
         cm_file *file = nullptr;
-        EXPECT_EQ(cm_fopenc(net.lib, path.c_str(), CM_O_RDONLY | CM_O_BINARY, &file), 1);
-        EXPECT_TRUE(cm_fread(file, text, sizeof text, &got) == 1 && file->kind == 2);
+        EXPECT_TRUE(cm_fopenc(net.lib, path.c_str(), CM_O_RDONLY | CM_O_BINARY, &file) == 1 && file->kind == 2 &&
+                    cm_fread(file, text, sizeof text, &got) == 1);
         cm_fclose(file);
         return string(text, static_cast<size_t>(got));
     }
@@ -58,24 +48,24 @@ struct Ftp : testing::Test {
     Net net{"Network Read Timeout = 20\nFile Cache Size = 9999\nMaximum Cached File = 99\nCache Stat Interval = 999"};
     TempFolder &folder = net.lib.folder();
     cm_ftp_session session = {};
-    std::vector<string> told;  // none twice in a row
+    string told;  // nothing twice in a row
 };
 
 TEST_F(Ftp, DialoguesEndAsTheyShould) {
     const std::vector<string> before = folder.names();
-    for (const Row &row : rows("ftp/dialogues")) {
+    for (const Row &row : raw_rows("ftp/dialogues")) {
         SCOPED_TRACE(row.where);
         const bool logs_in = row[0].starts_with("connect"), wanted = row[1] == "1";
-        FtpWire wire((logs_in ? "" : kLogIn) + row[2]);
+        FtpWire wire((logs_in ? "" : kLogIn) + unescaped(row[2]));
         ASSERT_TRUE(logs_in || play("connect"));
         EXPECT_EQ(play(row[0]), wanted);
         EXPECT_EQ(session.control != nullptr, !logs_in || wanted);
         EXPECT_EQ(cm_ftp_disconnect(&session), 1);
-        EXPECT_EQ(told, parts_of(row[3], " ; "));
+        EXPECT_EQ(told, unescaped(row[3]));
         EXPECT_EQ(wire.problem(), "");
         EXPECT_TRUE(!row[3].ends_with("data connection.") || (wire.last_wait_ms + 999) / 1000 == 180);
         const string file = row[0].substr(row[0].rfind(' ') + 1);
-        const string have = wanted ? after(row[2], "data:") : file == "here" ? "old" : "";
+        const string have = wanted ? wire.given : file == "here" ? "old" : "";
         EXPECT_TRUE(!row[0].starts_with("get") || folder.read(file) == have) << folder.read(file);
         folder.write("here", "old");
         folder.remove("there");

@@ -20,23 +20,17 @@
 
 namespace cm::test {
 
-inline std::vector<std::string> parts_of(const std::string &text, const std::string &between) {
-    std::vector<std::string> parts;
-    for (size_t from = 0, end; from < text.size(); from = end + between.size()) {
-        end = std::min(text.find(between, from), text.size());
-        parts.push_back(text.substr(from, end - from));
-    }
-    return parts;
-}
-
 class FtpWire {
     using Table = platform::Table;
     using Error = platform::Error;
 
 public:
-    explicit FtpWire(const std::string &script) : steps_(parts_of(script, " ; ")) {
-        for (const std::string &step : steps_)
-            if (step[0] == '!') failing_ = step.substr(1);
+    explicit FtpWire(const std::string &script) {
+        for (size_t from = 0, end; from < script.size(); from = end + 3) {
+            end = std::min(script.find(" ; ", from), script.size());
+            steps_.push_back(script.substr(from, end - from));
+            if (steps_.back()[0] == '!') failing_ = steps_.back().substr(1);
+        }
         restart();
     }
     void restart() {
@@ -51,6 +45,7 @@ public:
     }
 
     std::string control, data;  // still to be received
+    std::string given;          // all of the data
     bool ended = false, broken = false, any_address = false;
     int32_t last_wait_ms = 0;  // of a wait in vain
 
@@ -70,7 +65,7 @@ private:
             if (step == "pasv") control += "227 Entering Passive Mode (127,0,0,9,4,1).\r\n";
             if (step == "connect") callers_.push_back(address_of("127.0.0.1"));
             if (step == "foreign") callers_.push_back(address_of("127.0.0.2"));
-            if (step.starts_with("data:")) data = step.substr(5);
+            if (step.starts_with("data:")) data = given = step.substr(5);
             if (step == "break") broken = true;
             if (step == "end") ended = true;
         }
@@ -105,16 +100,12 @@ private:
     }
     Error connects(cm_socket socket, uint32_t to, int32_t port) {
         if (failing_ == "connect") return CM_ECONNREFUSED;
-        if (control_ == 0 && port == ftp::kPort)
-            control_ = socket;
-        else if (any_address || (to == address_of("127.0.0.9") && port == 1025))
-            data_ = socket;
-        else
-            return CM_ECONNREFUSED;
-        return 0;
+        if (control_ == 0 && port == ftp::kPort) return control_ = socket, 0;
+        if (!any_address && (to != address_of("127.0.0.9") || port != 1025)) return CM_ECONNREFUSED;
+        return data_ = socket, 0;
     }
 
-    const std::vector<std::string> steps_;
+    std::vector<std::string> steps_;
     size_t next_ = 0;
     std::string failing_, problem_, stored_;
     std::deque<uint32_t> callers_;
