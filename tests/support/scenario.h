@@ -16,10 +16,13 @@
 //     };
 //     SCENARIOS(Reading, Files, "files/reading");
 //
-// A verb gives a text, a number, or nothing (1).  Every world knows besides:
+// A verb gives a text, a number, or nothing (1); a world may override shown() to add to it what is the same for all
+// steps, as the messages that were told meanwhile.  Every world knows besides:
 //
 //     until STEP                 repeats the step until it gives the result
-//     fail GROUP K STEP          the k-th call of this group fails during the step
+//     fail GROUP K STEP          the k-th call of this group fails during the step; "K+": all from the k-th on
+//     needs FEATURE              skips the case where the system lacks it: file-modes, symbolic-links, full-device or
+//                                file-to-socket
 //     meanwhile STEP             runs the step on a thread of its own; its result is looked at by "join"
 //     join                       waits for these threads
 #pragma once
@@ -99,6 +102,7 @@ private:
 
 class World : Pinned {
 public:
+    virtual ~World() = default;
     void play(const Scenario &scenario) {
         for (const Row &row : scenario.steps) {
             const testing::ScopedTrace where(__FILE__, __LINE__, row.where + ": " + row[0]);
@@ -109,7 +113,7 @@ public:
             if (counter) {
                 EXPECT_EQ(counter->calls(), row.number(2));
             }
-            if (testing::Test::HasFatalFailure()) break;
+            if (testing::Test::HasFatalFailure() || testing::Test::IsSkipped()) break;
         }
         join();
     }
@@ -133,12 +137,14 @@ protected:
                 {"allocations", Faults::kAllocations}, {"files", Faults::kFiles},         {"sockets", Faults::kSockets},
                 {"threads", Faults::kThreads},         {"locks", Faults::kLocks},         {"clock", Faults::kClock},
                 {"processes", Faults::kProcesses},     {"libraries", Faults::kLibraries}, {"any", Faults::kBoth}};
-            const Faults faults(groups.at(words[1]), words.number(2));
+            const Faults faults(groups.at(words[1]), words.number(2), Faults::kInputOutput,
+                                words[2].ends_with('+') ? Faults::kFromThenOn : Faults::kOnce);
             return run(words.from(3));
         }
         const auto verb = verbs_.find(words[0]);
-        return verb != verbs_.end() ? verb->second(words.from(1)) : "no such verb: " + words[0];
+        return verb != verbs_.end() ? shown(verb->second(words.from(1))) : "no such verb: " + words[0];
     }
+    virtual std::string shown(std::string result) { return result; }
 
 private:
     void step(const Words &words, const std::string &expected) {
@@ -151,6 +157,12 @@ private:
                                   std::async(std::launch::async, [this, words] { return run(words.from(1)); })});
         } else if (words[0] == "join") {
             join();
+        } else if (words[0] == "needs") {
+            static const std::map<std::string, Feature> features = {{"file-modes", Feature::kFileModes},
+                                                                    {"symbolic-links", Feature::kSymbolicLinks},
+                                                                    {"file-to-socket", Feature::kFileToSocket},
+                                                                    {"full-device", Feature::kFullDevice}};
+            if (const char *why = missing(features.at(words[1]))) GTEST_SKIP() << why;
         } else {
             EXPECT_EQ(run(words), expected);
         }
