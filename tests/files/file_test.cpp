@@ -1,7 +1,7 @@
+// File handles of the three kinds: the system's, the cache's and texts in memory.
 #include "files/cmfile.h"
 
 #include <set>
-#include <thread>
 
 #include "files/cache_hook.h"
 #include "files/fixture.h"
@@ -9,125 +9,33 @@
 namespace cm::test {
 namespace {
 
-using files::FileCloser;
+constexpr int32_t kRewrite = CM_O_RDWR | CM_O_CREAT | CM_O_TRUNC;
+const std::map<std::string, int32_t> kFlags = {{"read", CM_O_RDONLY},
+                                               {"rewrite", kRewrite},
+                                               {"sequential", CM_O_SEQ},
+                                               {"sequential-binary", CM_O_SEQ | CM_O_BINARY},
+                                               {"binary", CM_O_BINARY}};
 
-constexpr int32_t kRead = CM_O_RDONLY, kRewrite = CM_O_RDWR | CM_O_CREAT | CM_O_TRUNC;
-
-TEST_F(FilesWithContext, HandlesAreRecycled) {
-    const std::string name = folder.write("f", "text");
-    cm_file *first = nullptr, *second = nullptr;
-    ASSERT_EQ(1, cm_fopen(ctx, name.c_str(), kRead, &first));
-    EXPECT_EQ(1, ctx->file_open);
-    char *const buffer = first->own_buffer;
-    EXPECT_EQ(1, cm_fclose(first));
-    EXPECT_EQ(0, cm_fclose(first));  // a second close changes nothing
-    EXPECT_EQ(0, ctx->file_open);
-    EXPECT_EQ(nullptr, first->next);
-    ASSERT_EQ(1, cm_fopens(ctx, "m", "abc", CM_LEN_TEXT, &second));
-    EXPECT_EQ(first, second);
-    EXPECT_EQ(0u, second->position);
-    EXPECT_EQ(1, cm_fclose(second));
-    EXPECT_EQ(buffer, second->buffer);
-    EXPECT_EQ(0, cm_fopen(ctx, path("missing").c_str(), kRead, &first));
-    EXPECT_EQ(0, ctx->file_open);
-    EXPECT_EQ("Tilvar Server Error: File open of '" + path("missing") + "' failed.\n", errors());
-    EXPECT_EQ(0, cm_fopenc(ctx, path("missing").c_str(), kRead, &first));
-    EXPECT_EQ("Tilvar Server Error: File openc of '" + path("missing") + "' failed.\n", errors());
-    EXPECT_EQ(0, cm_fopen(ctx, folder.path().c_str(), kRead, &first));
-    EXPECT_EQ(0, cm_fclose(nullptr));
-}
-
-TEST_F(FilesWithContext, HandlesOfManyThreads) {
-    const std::string name = folder.write("f", "text\n");
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; i++) {
-        threads.emplace_back([&] {
-            for (int n = 0; n < 300; n++) {
-                cm_file *file = nullptr;
-                ASSERT_EQ(1, cm_fopen(ctx, name.c_str(), kRead, &file));
-                char text[10] = "";
-                int32_t got = 0;
-                EXPECT_EQ(1, cm_fread(file, text, sizeof text, &got));
-                EXPECT_STREQ("text\n", text);
-                EXPECT_EQ(1, cm_fclose(file));
-            }
-        });
-    }
-    for (std::thread &thread : threads) thread.join();
-    EXPECT_EQ(0, ctx->file_open);
-    std::set<cm_file *> free;
-    for (cm_file *file = ctx->file_free; file != nullptr; file = file->next) EXPECT_TRUE(free.insert(file).second);
-    EXPECT_LE(free.size(), 4u);
-}
-
-TEST_F(FilesWithContext, NamesAreCutAndTheirLengthIsNot) {
-    const std::string name =
-        folder.write(std::string(150, 'd') + "/" + std::string(150, 'e') + "/" + std::string(100, 'f'), "1");
-    ASSERT_GT(name.size(), 400u);
-    FileCloser file;
-    ASSERT_EQ(1, cm_fopen(ctx, name.c_str(), kRead, file.out()));
-    EXPECT_EQ(static_cast<int32_t>(name.size()), file.get()->name_length);
-    EXPECT_EQ(name.substr(0, 255), file.get()->name);
-}
-
-TEST_F(FilesWithContext, FailedAllocations) {
-    const std::string name = folder.write("f", "text");
-    for (cm_context *const owner : {static_cast<cm_context *>(nullptr), ctx}) {
-        std::string messages;
-        int16_t opened = 0;
-        each_failure(
-            Faults::kAllocations,
-            [&] {
-                cm_file *file = nullptr;
-                opened = cm_fopen(owner, name.c_str(), kRead, &file);
-                EXPECT_EQ(owner == nullptr ? 0 : opened, ctx->file_open);
-                EXPECT_EQ(opened, cm_fclose(file));
-            },
-            [&](bool injected, size_t leaked) {
-                EXPECT_TRUE(opened == 0 ? injected : !injected || owner != nullptr);
-                EXPECT_TRUE(leaked == 0 || owner != nullptr);
-                messages += errors();
-            });
-        if (owner == nullptr) {
-            EXPECT_EQ(
-                "Tilvar Server Error: Memory allocation of file handle failed.\n"
-                "Tilvar Server Error: Memory allocation of file buffer failed.\n",
-                messages);
-        } else {  // nothing of the pool's is said twice
-            EXPECT_EQ(std::string::npos, messages.find("file handle failed"));
-        }
-    }
-}
-
-// ---- the cache above ------------------------------------------------------------------------------------------------
-
+// The cache above, as far as files see it; it holds "cached" whatever is asked for.
 struct FakeCache {
-    int16_t open_result = 1, hit = 0, close_result = 1;
+    int16_t opens = 1, hits = 0, closes = 1;
     uint32_t mode = 0;
     int opened = 0, closed = 0, aged = 0;
-};
-FakeCache fake;
-const char *const kCached = "cached";
+} fake;
 
 const files::CacheHook kFakeHook = {
     [](cm_context *, cm_file *file, int32_t, int16_t *hit) -> int16_t {
         fake.opened++;
-        *hit = fake.hit;
-        if (fake.hit != 0) {
-            file->buffer = kCached;
+        *hit = fake.hits;
+        if (fake.hits != 0) {
+            file->buffer = "cached";
             file->total = file->available = 6;
             file->kind = files::kCachedFile;
         }
-        return fake.open_result;
+        return fake.opens;
     },
-    [](cm_context *, cm_file *) -> int16_t {
-        fake.closed++;
-        return fake.close_result;
-    },
-    [](cm_context *, cm_file *) -> int16_t {
-        fake.aged++;
-        return 1;
-    },
+    [](cm_context *, cm_file *) { return fake.closed++, fake.closes; },
+    [](cm_context *, cm_file *) { return fake.aged++, int16_t{1}; },
     [](cm_context *, const char *, cm_stat_rec *record) -> int16_t {
         *record = {};
         record->mode = fake.mode;
@@ -135,85 +43,147 @@ const files::CacheHook kFakeHook = {
     },
 };
 
-class WithCache : public FilesWithContext {
-protected:
-    WithCache() {
+struct Handles : FilesWorld {
+    explicit Handles(const Row &head = {"", {""}}) {
+        const bool with_cache = head.fields.size() > 1 && head[1] == "cache";
+        if (head.fields.size() > 1 && head[1] == "no context") ctx = nullptr;
         fake = {};
-        files::cache_hook.store(&kFakeHook);
-        ctx->file_cache = reinterpret_cast<cm_cache *>(this);
-        ctx->file_cache_size = 1;
-    }
-    ~WithCache() override { files::cache_hook.store(nullptr); }
-};
+        files::cache_hook.store(with_cache ? &kFakeHook : nullptr);
+        context->file_cache = reinterpret_cast<cm_cache *>(this);
+        context->file_cache_size = with_cache;
 
-TEST_F(WithCache, OpensThroughIt) {
-    const std::string name = folder.write("f", "on disk");
-    char line[20];
-    int32_t got = 0;
-    for (const int16_t hit : {0, 1}) {
-        fake.hit = hit;
-        cm_file *file = nullptr;
-        ASSERT_EQ(1, cm_fopenc(ctx, name.c_str(), kRead, &file));
-        EXPECT_EQ(1, cm_fgetl(file, 0, line, 19, &got, nullptr));
-        EXPECT_STREQ(hit != 0 ? "cached" : "on disk", line);
-        EXPECT_EQ(hit != 0 ? 2 : 1, file->kind);
-        if (hit != 0) {
-            fake.close_result = 0;
-            EXPECT_EQ(0, cm_fclose(file));  // refused, and still open
-            EXPECT_EQ(1, ctx->file_open);
-            fake.close_result = 1;
+        on("open", [this](auto &words) { return cm_fopen(ctx, at(words[0]), kFlags.at(words[1]), next()); });
+        on("open-cached", [this](auto &words) { return cm_fopenc(ctx, at(words[0]), CM_O_RDONLY, next()); });
+        on("open-text", [this](auto &words) { return text(words.rest(0)); });
+        on("close", [this](auto &) {
+            const int16_t closed = cm_fclose(file);
+            if (ctx == nullptr) file = nullptr;
+            return closed;
+        });
+        on("recycled", [this](auto &) { return file == previous; });
+        on("position", [this](auto &) { return file->position; });
+        on("counted", [this](auto &) { return file->lines; });
+        on("own-buffer", [this](auto &) { return std::string(file->own_buffer); });
+        on("back-to-own-buffer", [this](auto &) { return file->buffer == file->own_buffer; });
+        on("kind", [this](auto &) { return file->kind; });
+        on("named", [this](auto &words) {
+            EXPECT_EQ(static_cast<int32_t>(at(words[0]).text.size()), file->name_length);
+            return at(words[0]).text.substr(0, 255) == file->name;
+        });
+        on("read", [this](auto &words) {
+            std::string bytes(static_cast<size_t>(words.number(0)), '?');
+            int32_t got = -1;
+            if (cm_fread(file, bytes.data(), number(words), &got) == 0) return std::string("failed");
+            return bytes.substr(0, static_cast<size_t>(got));
+        });
+        on("seek", [this](auto &words) {
+            const std::map<std::string, int32_t> from = {
+                {"start", CM_SEEK_START}, {"current", CM_SEEK_CURRENT}, {"end", CM_SEEK_END}};
+            const int16_t done = cm_lseek(file, number(words), from.at(words[1]));
+            return std::to_string(done) + " " + std::to_string(file->position);
+        });
+        on("write", [this](auto &words) {
+            int32_t written = -1;
+            const int32_t length = words[0] == "*" ? CM_LEN_TEXT : number(words);
+            const int16_t done = cm_fwrite(file, words.text(1), length, &written);
+            return std::to_string(done) + " " + std::to_string(written);
+        });
+        on("hex", [this](auto &words) {
+            const std::string bytes = words.rest(1);
+            cm_mutex *const mutex = words[0] == "locked" ? context->file_mutex : nullptr;
+            return cm_hexwrite(file, mutex, bytes.data(), static_cast<int32_t>(bytes.size()));
+        });
+        on("gather", [this](auto &words) {
+            return cm_lwrite(file, words.text(0), static_cast<int32_t>(words[0].size()), 0, nullptr, 0);
+        });
+        on("last-line", [this](auto &words) { return lines_of(folder.read(words[0])).back(); });
+        on("line", [this](auto &words) { return line(number(words), false); });
+        on("long-line", [this](auto &words) { return line(number(words), true); });
+        on("lines", [this](auto &words) { return lines(number(words)); });
+        on("lines-of", [this](auto &words) {
+            const std::string name = folder.write("lines", words[1]);
+            EXPECT_EQ(1, cm_fopen(ctx, name.c_str(), CM_O_RDONLY, next()));
+            const std::string of_file = lines(number(words));
+            EXPECT_EQ(1, text(words[1]));
+            EXPECT_EQ(of_file, lines(number(words))) << "of a text in memory";
+            return of_file;
+        });
+        on("churn", [this](auto &words) {
+            int16_t done = 1;
+            for (int i = 0; i < 300; i++) {
+                cm_file *own = nullptr;
+                char first[10];
+                int32_t got = 0;
+                done &= cm_fopen(ctx, at(words[0]), CM_O_RDONLY, &own) && cm_fgetl(own, 0, first, 9, &got, nullptr) &&
+                        first == words[1] && cm_fclose(own);
+            }
+            return done;
+        });
+        on("free-handles", [this](auto &words) {
+            std::set<cm_file *> free;
+            for (cm_file *one = ctx->file_free; one != nullptr; one = one->next) EXPECT_TRUE(free.insert(one).second);
+            return free.size() <= static_cast<size_t>(words.number(0));
+        });
+        on("cache", [this](auto &words) {
+            const auto value = static_cast<int16_t>(words.number(1));
+            if (words[0] == "opens") fake.opens = value;
+            if (words[0] == "hits") fake.hits = value;
+            if (words[0] == "closes") fake.closes = value;
+            if (words[0] == "mode") fake.mode = static_cast<uint32_t>(words.number(1));
+            if (words[0] == "size") context->file_cache_size = value;
+        });
+        on("cache-calls", [](auto &) {
+            return std::to_string(fake.opened) + " " + std::to_string(fake.closed) + " " + std::to_string(fake.aged);
+        });
+        on("status", [this](auto &words) {
+            cm_stat_rec record;
+            const auto cached = static_cast<int16_t>(words[1] == "cached");
+            return std::to_string(cm_stat(ctx, at(words[0]), cached, &record)) + " " +
+                   std::to_string(cm_isfile(ctx, at(words[0]), cached)) + " " +
+                   std::to_string(cm_isexe(ctx, at(words[0]), cached));
+        });
+    }
+    ~Handles() override {
+        cm_fclose(file);
+        files::cache_hook.store(nullptr);
+    }
+
+    static int32_t number(const Words &words) { return static_cast<int32_t>(words.number(0)); }
+    // Where the next handle goes.
+    cm_file **next() {
+        cm_fclose(file);
+        previous = std::exchange(file, nullptr);
+        return &file;
+    }
+    int16_t text(const std::string &bytes) {
+        kept = bytes;
+        return cm_fopens(ctx, "text", kept.data(), static_cast<int32_t>(kept.size()), next());
+    }
+    // One line, "+" and its whole length where a long one is cut, "-" for the end.
+    std::string line(int32_t size, bool allow_long) {
+        std::vector<char> out(static_cast<size_t>(size) + 1, '?');
+        int32_t got = -1, full = -1;
+        if (cm_fgetl(file, allow_long, out.data(), size, &got, &full) == 0) return "failed";
+        if (got == 0) return "-";
+        EXPECT_EQ('\0', out[static_cast<size_t>(got)]);
+        EXPECT_TRUE(full == got || (allow_long && full > got && got == size));
+        const std::string cut(out.data(), static_cast<size_t>(got));
+        return full == got ? cut : cut + "+" + std::to_string(full);
+    }
+    // All of them, then how many the handle has counted and the position.
+    std::string lines(int32_t size) {
+        std::string all, one;
+        while ((one = line(size, false)) != "-") {
+            if (one == "failed") return all + one;
+            all += "[" + one + "]";
         }
-        EXPECT_EQ(1, cm_fclose(file));
-        EXPECT_EQ(file->own_buffer, file->buffer);
+        return all + " " + std::to_string(file->lines) + " " + std::to_string(file->position);
     }
-    EXPECT_EQ(2, fake.closed);
-    fake.open_result = 0;
-    cm_file *file = nullptr;
-    EXPECT_EQ(0, cm_fopenc(ctx, name.c_str(), kRead, &file));
-    EXPECT_EQ(0, ctx->file_open);
-    ctx->file_cache_size = 0;  // an address cache alone
-    EXPECT_EQ(1, cm_fopenc(ctx, name.c_str(), kRead, &file));
-    EXPECT_EQ(1, cm_fclose(file));
-    EXPECT_EQ(3, fake.opened);
-}
 
-TEST_F(WithCache, OnlySequentialReadersDoNotAgeIt) {
-    const std::string name = folder.write("f", "");
-    const struct {
-        int32_t flags;
-        int aged;
-    } rows[] = {
-        {CM_O_SEQ, 0}, {CM_O_SEQ | CM_O_BINARY, 0}, {CM_O_RDONLY, 1}, {CM_O_BINARY, 1}, {kRewrite, 1},
-    };
-    for (const auto &row : rows) {
-        fake.aged = 0;
-        FileCloser file;
-        ASSERT_EQ(1, cm_fopen(ctx, name.c_str(), row.flags, file.out()));
-        EXPECT_EQ(row.aged, fake.aged) << row.flags;
-    }
-}
-
-TEST_F(WithCache, AnswersStat) {
-    const std::string name = folder.write("con.txt", "12");
-    cm_stat_rec record;
-    const struct {
-        uint32_t mode;
-        int16_t stat, file, exe;
-    } rows[] = {
-        {0100644, 1, 1, 0},
-        {0100755, 1, 1, 1},
-        {0040755, 1, 0, 1},
-        {0, 0, 0, 0},
-    };
-    for (const auto &row : rows) {
-        fake.mode = row.mode;
-        EXPECT_EQ(row.stat, cm_stat(ctx, name.c_str(), 1, &record));
-        EXPECT_EQ(row.file, cm_isfile(ctx, name.c_str(), 1));
-        EXPECT_EQ(row.exe, cm_isexe(ctx, name.c_str(), 1));  // kept: the bit alone
-    }
-    EXPECT_EQ(0, cm_stat(ctx, name.c_str(), 0, &record));
-    EXPECT_EQ(0, cm_isfile(ctx, name.c_str(), 0));
-}
+    cm_file *file = nullptr, *previous = nullptr;
+    std::string kept;
+};
+SCENARIOS(FileHandles, Handles, "files/handles");
 
 }  // namespace
 }  // namespace cm::test
