@@ -6,143 +6,108 @@
 #include <string>
 
 #include "core/cmcontext.h"
-#include "support/data.h"
 #include "support/replace.h"
-#include "support/support.h"
+#include "support/scenario.h"
 
 using namespace cm::test;
-using cm::platform::os;
 using cm::platform::Table;
 using std::string;
 
 namespace {
 
-// Starts in a folder without a configuration file unless one was written; temporary files go to "tmp" below it.
-struct Host {
+// The steps of data/start.txt: a folder as TVHOME, "tmp" below it as TEMP.
+struct Start : World {
+    explicit Start(const Row &) {
+        set({"TVHOME", "~"});
+        on("environment", [this](auto &words) { set({words[0], words[1]}); });
+        on("write", [this](auto &words) { folder.write(words[0], words.rest(1)); });
+        on("common", [this](auto &words) { folder.write("config/config.ini", "[common]\n" + words.rest(0)); });
+        on("start", [this](auto &words) {
+            const bool setup = words[1] == "setup";
+            const char *const config_dir = words.count() > 2 ? words.text(2) : nullptr;
+            cm_context *out = nullptr;
+            bool started = false;
+            shown = captured_standard_error([&] {
+                started =
+                    cm_ctx_init(&out, config_dir, words[0] == "-" ? nullptr : words.text(0), setup, &already) == 1;
+            });
+            EXPECT_EQ(started, out != nullptr);
+            if (started) ctx = out;
+            return started;
+        });
+        on("start-in", [this](auto &words) {
+            const string working = words[0].empty() ? "" : folder.path(words[0]);
+            const Replace<&Table::working_directory> told(
+                [&](char *out, size_t size) { return cm_strncpy(out, working.c_str(), int32_t(size)) > 0; });
+            return run(Words("start server.log"));
+        });
+        on("start-unseen", [](auto &) { return cm_ctx_init(nullptr, nullptr, nullptr, 0, nullptr); });
+        on("already", [this](auto &) { return already; });
+        on("stop", [this](auto &) { return cm_ctx_exit(ctx); });
+        on("started", [this](auto &) {
+            cm_context *global = nullptr;
+            return cm_ctx_global(&global) == 1 && global == ctx;
+        });
+        on("clock-fails", [this](auto &) { clock.emplace().fail(true); });
+        on("shown", [this](auto &) { return without_folder(shown); });
+        on("content", [this](auto &words) { return without_folder(folder.read(words[0])); });
+        on("names", [this](auto &words) {
+            string all;
+            for (const string &name : folder.names(words[0])) all += (all.empty() ? "" : " ") + name;
+            return all;
+        });
+        on("log", [this](auto &) {
+            string all;
+            for (const string &line : log_lines(folder.path("log/server.log"))) all += line + "\n";
+            return without_folder(all);
+        });
+        on("remove-log", [this](auto &words) {
+            char log[1024];
+            return cm_build_path(ctx, ctx->log_dir, words.text(0), log, sizeof log, nullptr) == 1 &&
+                   cm_ctx_exit(ctx) == 1 && os.path_remove(log) == 0;
+        });
+        on("setting", [this](auto &words) { return setting(words[0]); });
+    }
+    ~Start() {
+        while (cm_ctx_exit(ctx) == 1) {
+        }
+        EXPECT_EQ(leaks.outstanding(), 0u);
+    }
+
+    void set(const std::pair<string, string> &variable) {
+        variables[variable.first] = variable.second == "~" ? folder.path() : variable.second;
+        environment.reset();
+        environment.emplace(variables);
+    }
+    string without_folder(string text) const {
+        for (size_t at; (at = text.find(folder.path())) != text.npos;) text.replace(at, folder.path().size(), "~");
+        return text;
+    }
+    string setting(const string &name) {
+        if (name == "root") return without_folder(string(ctx->root_dir, static_cast<size_t>(ctx->root_len)));
+        if (name == "start-time") return ctx->start_time > 1.0e9 ? "now" : "unknown";
+        if (name == "config-folder") return ctx->config_dir;
+        if (name == "temporary-folder")
+            return ctx->tmp_dir == string(cm::platform::kLastResortTemp) ? "the last resort" : ctx->tmp_dir;
+        if (name == "no-config") return std::to_string((ctx->flags & CTX_NO_CONFIG) != 0);
+        if (name == "idle-threads") return std::to_string(ctx->idle_threads);
+        if (name == "resolvers") return dotted(ctx->dns->primary) + " " + dotted(ctx->dns->alternate);
+        return without_folder(ctx->dns->hosts_path);
+    }
+
     TempFolder folder;
+    LeakCheck leaks;
+    std::map<string, string> variables = {{"TEMP", "tmp"}, {"TMP", ""}};
     std::optional<Environment> environment;
     cm_context *ctx = nullptr;
     int32_t already = -1;
     string shown;  // on the standard error stream
-
-    Host() { set(folder.path(), "tmp", ""); }
-    void set(const string &home, const string &temp, const string &tmp) {
-        environment.reset();
-        environment.emplace(std::map<string, string>{{"TVHOME", home}, {"TEMP", temp}, {"TMP", tmp}});
-    }
-    bool start(const char *log_name = "server.log", bool setup = false, const char *config_dir = nullptr) {
-        bool started = false;
-        shown =
-            captured_standard_error([&] { started = cm_ctx_init(&ctx, config_dir, log_name, setup, &already) == 1; });
-        return started;
-    }
-    void configure(const string &common) { folder.write("config/config.ini", "[common]\n" + common); }
-    std::vector<string> log() { return log_lines(folder.path("log/server.log")); }
-    string home_notice() { return "Tilvar Server: TVHOME environment variable set to: " + folder.path() + "\n"; }
+    std::optional<FrozenClock> clock;
 };
-
-bool is_started() {
-    cm_context *untouched = nullptr;
-    return cm_ctx_global(&untouched) == 1;
-}
-
-TEST(Start, LogsWhatItDidAndStopsCleanly) {
-    Host host;
-    host.configure("");
-    LeakCheck leaks;
-    ASSERT_TRUE(host.start());
-    EXPECT_EQ(host.already, 0);
-    EXPECT_EQ(host.shown, host.home_notice());
-    EXPECT_EQ(host.ctx->root_dir, host.folder.path());
-    EXPECT_EQ(host.ctx->root_len, int32_t(host.folder.path().size()));
-    EXPECT_GT(host.ctx->start_time, 1.0e9);
-    EXPECT_EQ(cm_ctx_exit(host.ctx), 1);
-    EXPECT_FALSE(is_started());
-    EXPECT_EQ(leaks.outstanding(), 0u);
-    EXPECT_EQ(host.log(),
-              (std::vector<string>{"INFO:  TVHOME environment variable is set to: " + host.folder.path(),
-                                   "INFO:  Common library initalized...", "INFO:  Common library exited..."}));
-}
-
-TEST(Start, OneLogIsKept) {
-    Host host;
-    host.configure("");
-    for (const char *line : {"first", "second", "third"}) {
-        ASSERT_TRUE(host.start());
-        cm_log(host.ctx, CM_INFO, line, CM_LEN_TEXT);
-        cm_ctx_exit(host.ctx);
-    }
-    EXPECT_NE(host.folder.read("log/server.log").find("third"), string::npos);
-    EXPECT_NE(host.folder.read("log/server.old").find("second"), string::npos);
-    EXPECT_EQ(host.folder.names("log"), (std::vector<string>{"server.log", "server.old"}));
-}
-
-TEST(Start, SecondStartJoinsTheFirst) {
-    Host host;
-    host.configure("");
-    cm_context *out = nullptr;
-    EXPECT_EQ(cm_ctx_global(&out), 0);
-    ASSERT_TRUE(host.start());
-    cm_context *const first = host.ctx;
-    host.ctx = nullptr;
-    ASSERT_EQ(cm_ctx_init(&host.ctx, "elsewhere", nullptr, 1, &host.already), 1) << "its arguments are ignored";
-    EXPECT_EQ(host.already, 1);
-    EXPECT_EQ(host.ctx, first);
-    EXPECT_EQ(cm_ctx_init(nullptr, nullptr, nullptr, 0, nullptr), 1);
-    EXPECT_EQ(cm_ctx_exit(first), 1);
-    EXPECT_EQ(cm_ctx_exit(first), 1);
-    EXPECT_EQ(cm_ctx_global(&out), 1);
-    EXPECT_EQ(out, first);
-    EXPECT_EQ(cm_ctx_exit(first), 1);
-    EXPECT_FALSE(is_started());
-    EXPECT_EQ(cm_ctx_exit(first), 0);
-    EXPECT_EQ(cm_ctx_exit(nullptr), 0);
-}
-
-TEST(Start, WithoutConfigurationEverythingGoesToTheTemporaryFolder) {
-    Host host;
-    ASSERT_TRUE(host.start("server.log", true));
-    EXPECT_TRUE(host.ctx->flags & CTX_NO_CONFIG);
-    EXPECT_EQ(host.shown, host.home_notice() + "Tilvar Server: Warning! No configuration file found: " +
-                              host.folder.path("config/config.ini") + "\n");
-    cm_ctx_exit(host.ctx);
-    EXPECT_EQ(host.folder.names(), (std::vector<string>{"config", "tmp"})) << "one made, since this is a set-up";
-    EXPECT_EQ(host.folder.names("tmp"), std::vector<string>{"server.log"});
-}
-
-TEST(Start, TemporaryFolderIsTempThenTmpThenTheLastResort) {
-    Host host;
-    const struct {
-        const char *temp, *tmp, *taken;
-    } rows[] = {{"one", "two", "one"}, {"", "two", "two"}, {"", "", cm::platform::kLastResortTemp}};
-    for (const auto &row : rows) {
-        host.set(host.folder.path(), row.temp, row.tmp);
-        ASSERT_TRUE(host.start("tilvarcm-start-test.txt", true));
-        EXPECT_STREQ(host.ctx->tmp_dir, row.taken);
-        char log[1024];
-        ASSERT_EQ(cm_build_path(host.ctx, host.ctx->log_dir, "tilvarcm-start-test.txt", log, sizeof log, nullptr), 1);
-        cm_ctx_exit(host.ctx);
-        EXPECT_EQ(os.path_remove(log), 0);
-    }
-}
-
-TEST(Start, FoldersAreMadeAsFarAsTheSetUpSays) {
-    for (const bool setup : {false, true}) {
-        Host host;
-        host.folder.write("etc/config.ini",
-                          "[common]\nIdle Threads = 2\nLog Directory = logs\nTmp Directory = scratch\n"
-                          "[other]\nIdle Threads = 0\n");
-        ASSERT_TRUE(host.start("server.log", setup, "etc"));
-        EXPECT_STREQ(host.ctx->config_dir, "etc");
-        EXPECT_EQ(host.ctx->idle_threads, 3);
-        cm_ctx_exit(host.ctx);
-        EXPECT_TRUE(host.folder.exists("logs"));
-        EXPECT_EQ(host.folder.exists("scratch"), setup);
-    }
-}
+SCENARIOS(Starts, Start, "context/start");
 
 // The root is seen in the first path that start-up asks for; nothing is written.
-TEST(Start, ProgramFolderIsStrippedFromTheRoot) {
+TEST(Root, ProgramFolderIsStrippedFromTheRoot) {
     string asked;
     const Replace<&Table::path_access> access([&](const char *path, int32_t) {
         if (asked.empty()) asked = path;
@@ -157,71 +122,6 @@ TEST(Start, ProgramFolderIsStrippedFromTheRoot) {
         captured_standard_error([&] { EXPECT_EQ(cm_ctx_init(&ctx, "config", "x.log", 0, nullptr), 0); });
         EXPECT_EQ(asked, row[1] + "/config/config.ini") << row.where;
     }
-}
-
-TEST(Start, WorkingFolderIsTheRootWithoutTheVariable) {
-    Host host;
-    host.configure("");
-    host.set("", "tmp", "");
-    for (const string &working : {host.folder.path("bin"), string()}) {
-        const Replace<&Table::working_directory> folder(
-            [&](char *out, size_t size) { return cm_strncpy(out, working.c_str(), int32_t(size)) > 0; });
-        EXPECT_EQ(host.start(), !working.empty());
-        EXPECT_EQ(host.shown, working.empty() ? "Tilvar Server Error: TVHOME environment variable not set!\n\n" : "");
-        if (working.empty()) break;
-        EXPECT_EQ(host.ctx->root_dir, host.folder.path());
-        cm_ctx_exit(host.ctx);
-    }
-}
-
-TEST(Start, RefusalsSayWhy) {
-    Host host;
-    EXPECT_FALSE(host.start(nullptr));
-    EXPECT_EQ(host.shown, "Tilvar Server Error: No logfile name was provided!\n");
-    EXPECT_EQ(host.already, 0);
-    EXPECT_EQ(host.ctx, nullptr);
-
-    host.configure("Idle Threads = 4\nTrace Level = VERBOSE\n");
-    EXPECT_FALSE(host.start());
-    EXPECT_EQ(host.shown, host.home_notice() + "Tilvar Server Error: cm_props_load(Trace Level): Error processing '" +
-                              host.folder.path("config/config.ini") + "' file (line 3)\n");
-
-    host.configure("Log Directory = no/such/folder\n");
-    EXPECT_FALSE(host.start());
-    EXPECT_NE(host.shown.find("Tilvar Server Error: Unable to open the log file: server.log\n"), string::npos);
-
-    host.configure("Resolve Host Names = yes\nUnheard Of = 1\n");
-    EXPECT_TRUE(host.start());
-    EXPECT_EQ(host.shown,
-              host.home_notice() + "Tilvar Server Error: Unrecognized buffer configuration 'Unheard Of'\n\n");
-    cm_ctx_exit(host.ctx);
-
-    FrozenClock clock;
-    clock.fail(true);
-    EXPECT_FALSE(host.start());
-    EXPECT_FALSE(is_started());
-    EXPECT_NE(host.folder.read("log/server.log").find("FATAL: Startup failure: Check system clock.\n"), string::npos);
-}
-
-TEST(Start, ResolverServersAreCheckedAndFilesMade) {
-    Host host;
-    host.configure("DNS Primary = 1.2.3.4\nDNS Secondary = nowhere\nDNS Hosts File = names\n");
-    ASSERT_TRUE(host.start());
-    EXPECT_EQ(host.ctx->dns->primary, 0u) << "the secondary takes the primary's place, invalid or not";
-    EXPECT_EQ(host.folder.read("config/names"), "# hosts\n");
-    EXPECT_EQ(host.folder.read("config/mxhosts"), "# mxhosts\n");
-    EXPECT_EQ(host.folder.path("config/names"), host.ctx->dns->hosts_path);
-    cm_ctx_exit(host.ctx);
-    EXPECT_EQ(host.log()[1], "WARN:  DNS Secondary Server is not a valid IP address: nowhere");
-
-    host.configure("DNS Primary = 1.2.3\nDNS Secondary = 4.3.2.1\n");
-    host.folder.write("config/hosts", "mine\n");
-    ASSERT_TRUE(host.start());
-    EXPECT_EQ(memcmp(&host.ctx->dns->primary, "\4\3\2\1", 4), 0);
-    EXPECT_EQ(host.ctx->dns->alternate, 0u);
-    EXPECT_EQ(host.folder.read("config/hosts"), "mine\n");
-    cm_ctx_exit(host.ctx);
-    EXPECT_EQ(host.log()[1], "WARN:  DNS Primary Server is not a valid IP address: 1.2.3");
 }
 
 // ---- counters and the abort handler ---------------------------------------------------------------------------------
