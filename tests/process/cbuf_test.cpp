@@ -22,7 +22,7 @@ TEST(CircularBuffer, GivesBackWhatWasPutInOrder) {
         string model;
         for (int step = 0; step < 20000; step++) {
             string text(random() % (static_cast<uint32_t>(size) + 3), '#');
-            const auto length = static_cast<int32_t>(text.size()), room = cm_cbuf_room(buffer);
+            const auto length = static_cast<int32_t>(text.size()), room = size - static_cast<int32_t>(model.size());
             const auto what = random() % 8;
             int32_t count = -1;
             if (what < 4) {
