@@ -117,7 +117,6 @@ TEST(ConfigLoad, EveryFailureOnTheWay) {
     for (int i = 0; i < 300; i++) text += "name = a value of some length\n";
     folder.write("a.ini", text + "[t]\nb=2\n");
     const std::string path = folder.absolute("a.ini");
-    LeakCheck leaks;
     Loaded loaded;
     std::string error;
     int16_t result = -1;
@@ -128,12 +127,40 @@ TEST(ConfigLoad, EveryFailureOnTheWay) {
             error = captured_standard_error(
                 [&] { result = cm_props_load(nullptr, path.c_str(), "t", -3, CM_OUT(&loaded), collect); });
         },
-        [&](bool injected) {
-            EXPECT_EQ(leaks.outstanding(), 0u);
+        [&](bool injected, size_t leaked) {
+            EXPECT_EQ(leaked, 0u);
             EXPECT_TRUE(result == 0 || loaded.entries == "b=2|");
             EXPECT_EQ(result == 0, error != "");
             EXPECT_TRUE(injected || result == 1);  // only the close of what was read may fail unseen
         });
+}
+
+// A started library looks below its configuration folder, and its level decides which messages come through.
+TEST(ConfigInALibrary, FilesBelowTheConfigurationFolderAndMessagesOfItsLevel) {
+    Library library("Trace Level=ERROR", [](TempFolder &folder) {
+        folder.write("config/good.ini", "[s]\na=1\n");
+        folder.write("config/bad.ini", "[s]\nnonsense\n");
+    });
+    ASSERT_TRUE(library.ok());
+    const std::string config = library.folder().path("config/"), bad = config + "bad.ini", bak = config + "bad.bak";
+    const cm_prop_entry change = {1, 1, "a", "1"};
+    Loaded loaded;
+    EXPECT_EQ(cm_props_load(library, "good.ini", "S", -3, CM_OUT(&loaded), collect), 1);
+    EXPECT_EQ(loaded.entries, "a=1|");
+    const size_t before = library.log().size();
+    for (const int32_t level : {CM_ERROR - 1, CM_ERROR}) {
+        EXPECT_EQ(library.log().size(), before);
+        library.ctx()->trace_level = level;
+        for (const char *name : {"bad.ini", "none.ini"})
+            EXPECT_EQ(cm_props_load(library, name, "s", -3, CM_OUT(&loaded), collect), 0);
+        EXPECT_EQ(cm_update_section(library, bad.c_str(), bak.c_str(), "s", -3, &change, 1), 0);
+    }
+    for (const std::string &line : {std::string("cm_next_entry(): There was no entry found in the section."),
+                                    "cm_props_load(): Error processing '" + bad + "' (line 2)",
+                                    "Failure opening configuration file '" + config + "none.ini'.",
+                                    std::string("cm_update_section(): No entry was found in the section.")})
+        EXPECT_TRUE(library.logged("ERROR: " + line)) << line;
+    EXPECT_EQ(library.ctx()->file_open, 1);  // the log
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "config_files.h"
 #include "support/data.h"
+#include "support/failures.h"
 
 namespace {
 
@@ -30,24 +31,6 @@ protected:
     std::string file() const { return folder.read("a.ini"); }
     std::string backup() const { return folder.read("a.bak"); }
 
-    int16_t delete_section(const char *section) {
-        return cm_delete_section(nullptr, path.c_str(), bak.c_str(), section, -3, &deleted);
-    }
-    int16_t update_section(const char *section, const std::vector<cm_prop_entry> &entries) {
-        return cm_update_section(nullptr, path.c_str(), bak.c_str(), section, -3, entries.data(),
-                                 static_cast<int32_t>(entries.size()));
-    }
-    int16_t replace_section(const char *section, const std::vector<cm_prop_entry> &entries) {
-        return cm_replace_section(nullptr, path.c_str(), bak.c_str(), section, -3, entries.data(),
-                                  static_cast<int32_t>(entries.size()));
-    }
-    int16_t delete_entry(const char *section, const char *name) {
-        return cm_delete_entry(nullptr, path.c_str(), bak.c_str(), section, name, &deleted);
-    }
-    int16_t update_entry(const char *section, const char *name, const char *value) {
-        return cm_update_entry(nullptr, path.c_str(), bak.c_str(), section, name, value);
-    }
-
     // A rewriter and its arguments, as a file of cases has them; gives its result.
     int16_t call(const std::string &words) {
         std::istringstream in(words + "  ");
@@ -57,17 +40,19 @@ protected:
         std::getline(in, section, ' ');
         while (std::getline(in, word, ' ') && !word.empty()) rest.push_back(word);
         const std::string first = rest.empty() ? "" : rest[0], second = rest.size() < 2 ? "" : rest[1];
-        if (what == "delete-section") return delete_section(section.c_str());
-        if (what == "delete-entry") return delete_entry(section.c_str(), first.c_str());
-        if (what == "update-entry") return update_entry(section.c_str(), first.c_str(), second.c_str());
+        const char *const file = path.c_str(), *const kept = bak.c_str(), *const in_section = section.c_str();
+        if (what == "delete-section") return cm_delete_section(nullptr, file, kept, in_section, -3, &deleted);
+        if (what == "delete-entry") return cm_delete_entry(nullptr, file, kept, in_section, first.c_str(), &deleted);
+        if (what == "update-entry")
+            return cm_update_entry(nullptr, file, kept, in_section, first.c_str(), second.c_str());
         std::vector<cm_prop_entry> entries;
         for (std::string &pair : rest) {
             const size_t equals = pair.find('=');
             pair[equals] = '\0';
             entries.push_back(entry(pair.c_str(), pair.c_str() + equals + 1));
         }
-        return what == "update-section" ? update_section(section.c_str(), entries)
-                                        : replace_section(section.c_str(), entries);
+        const auto rewrite = what == "update-section" ? cm_update_section : cm_replace_section;
+        return rewrite(nullptr, file, kept, in_section, -3, entries.data(), static_cast<int32_t>(entries.size()));
     }
     // Runs one that fails and changes nothing, and compares its messages.
     void check_refused(const std::string &before, const std::string &messages,
@@ -100,7 +85,8 @@ TEST_F(Rewriters, LengthsOfSectionsEntriesAndLines) {
     const std::string fits(1022, 'v'), too_long(1023, 'v'), huge(3000, 'v'), name(255, 'n');
     const auto update = [&](const std::string &text, const std::vector<cm_prop_entry> &entries) {
         put(text);
-        EXPECT_EQ(update_section("s", entries), 1);
+        EXPECT_EQ(
+            cm_update_section(nullptr, path.c_str(), bak.c_str(), "s", -3, entries.data(), int32_t(entries.size())), 1);
         return file();
     };
     EXPECT_EQ(update("[s]\na=1\nb=1\n", {{1, 0, "a", "x"}, {1, -3, "b", nullptr}}), "[s]\na =  \nb =  \n");
@@ -136,7 +122,8 @@ TEST_F(Rewriters, ErrorsOnTheWay) {
                                    {"replace-section s", "cm_update_section()"},
                                    {"delete-entry s k", "cm_delete_entry()"},
                                    {"update-entry s k v", "cm_delete_entry()"}};
-    for (const auto &[words, function] : rows) {
+    for (const auto &row : rows) {
+        const char *const words = row[0], *const function = row[1];
         check_refused(text,
                       "Failure reading line fgetl() - line too long.\n" + std::string(function) +
                           ": Error processing '" + bak + "' file (line 2)\n",
@@ -157,61 +144,34 @@ TEST_F(Rewriters, ErrorsOnTheWay) {
 TEST_F(Rewriters, RefusedBeforeAnythingIsTouched) {
     const std::string text = "[s]\nk = 1\n", long_value(1020, 'v');
     for (const Row &row : rows("config/refused")) check_refused(text, "", [&] { return call(row[0]); });
+    const char *const file_name = path.c_str(), *const kept = bak.c_str();
     const std::function<int16_t()> refused[] = {
         // Names that are missing, or the same.
-        [&] { return update_entry(nullptr, "k", "v"); },
-        [&] { return update_entry("s", nullptr, "v"); },
-        [&] { return delete_section(nullptr); },
-        [&] { return cm_update_section(nullptr, path.c_str(), bak.c_str(), "s", -3, nullptr, 1); },
-        [&] { return cm_delete_section(nullptr, path.c_str(), nullptr, "s", -3, nullptr); },
-        [&] { return cm_delete_section(nullptr, path.c_str(), "", "s", -3, nullptr); },
-        [&] { return cm_delete_section(nullptr, nullptr, bak.c_str(), "s", -3, nullptr); },
-        [&] { return cm_delete_section(nullptr, path.c_str(), path.c_str(), "s", -3, nullptr); },
+        [&] { return cm_update_entry(nullptr, file_name, kept, nullptr, "k", "v"); },
+        [&] { return cm_update_entry(nullptr, file_name, kept, "s", nullptr, "v"); },
+        [&] { return cm_delete_section(nullptr, file_name, kept, nullptr, -3, nullptr); },
+        [&] { return cm_update_section(nullptr, file_name, kept, "s", -3, nullptr, 1); },
+        [&] { return cm_delete_section(nullptr, file_name, nullptr, "s", -3, nullptr); },
+        [&] { return cm_delete_section(nullptr, file_name, "", "s", -3, nullptr); },
+        [&] { return cm_delete_section(nullptr, nullptr, kept, "s", -3, nullptr); },
+        [&] { return cm_delete_section(nullptr, file_name, file_name, "s", -3, nullptr); },
     };
     for (const auto &run : refused) check_refused(text, "", run);
-    EXPECT_EQ(update_entry("s", "k", long_value.c_str()), 1);
+    EXPECT_EQ(call("update-entry s k " + long_value), 1);
     EXPECT_EQ(read_all(file()), "[s]\nk=" + long_value + "\n");
 }
 
 // ---- on the disk ----------------------------------------------------------------------------------------------------
 
-// The name of the file that is being made is drawn by lot.
-std::string with_plain_names(std::string text) {
-    for (size_t at; (at = text.find(".cm-")) != std::string::npos;) text.replace(at, text.find(".tmp") + 4 - at, "NEW");
-    return text;
-}
-
-TEST_F(Rewriters, TheNewFileIsSyncedBeforeItTakesThePlace) {
-    put("[s]\nk = 1\n");
-    CallRecorder calls(folder.path() + "/");
-    ASSERT_EQ(update_entry("s", "k", "2"), 1);
-    std::string order;
-    for (const char *step : {"create NEW", "write NEW 10", "sync NEW", "close NEW", "link a.ini NEW",
-                             "rename NEW a.bak", "rename NEW a.ini", "sync-folder "}) {
-        const size_t at = with_plain_names(calls.text()).find(step, order.size());
-        ASSERT_NE(at, std::string::npos) << step << " in\n" << with_plain_names(calls.text());
-        order = with_plain_names(calls.text()).substr(0, at + 1);
-    }
-    EXPECT_EQ(calls.lines("write").size(), 1u);
-}
-
-TEST_F(Rewriters, OutputIsGathered) {
+TEST_F(Rewriters, TheNewFileIsGatheredAndSyncedWithItsFolder) {
     std::string text = "[s]\n";
     for (int i = 0; i < 2000; i++) text += "name " + std::to_string(i) + " = value\n";
     put(text);
-    CallRecorder calls;
-    ASSERT_EQ(update_entry("t", "k", "2"), 1);
+    CallRecorder calls(folder.path() + "/");
+    ASSERT_EQ(call("update-entry t k 2"), 1);
     EXPECT_LE(calls.lines("write").size(), text.size() / 4096 + 1);
-}
-
-TEST_F(Rewriters, ANarrowModeStays) {
-    if (const char *why = cm::test::missing(cm::test::Feature::kFileModes)) GTEST_SKIP() << why;
-    put("[s]\nk = 1\n");
-    ASSERT_EQ(cm::platform::os.path_set_mode(path.c_str(), 0600), 0);
-    ASSERT_EQ(update_entry("s", "k", "2"), 1);
-    cm::platform::FileStatus status;
-    ASSERT_EQ(cm::platform::os.path_status(path.c_str(), true, &status), 0);
-    EXPECT_EQ(status.mode & 0777, 0600u);
+    EXPECT_EQ(calls.lines("sync .cm-").size(), 1u) << calls.text();
+    EXPECT_EQ(calls.lines("sync-folder").size(), 1u) << calls.text();
 }
 
 class Failures : public Rewriters, public testing::WithParamInterface<const char *> {};
@@ -223,31 +183,26 @@ TEST_P(Failures, EveryCallThatFailsLeavesTheOldFile) {
     ASSERT_EQ(call(GetParam()), 1);
     const std::string after = file();
     for (const auto mode : {Faults::kOnce, Faults::kFromThenOn}) {
-        for (int k = 1;; k++) {
-            put(before);
-            LeakCheck leaks;
-            int16_t result = -1;
-            int64_t injected = 0;
-            captured_standard_error([&] {
-                Faults faults(Faults::kAllocations | Faults::kFiles | Faults::kEnvironment, k, Faults::kNoSpace, mode);
-                result = call(GetParam());
-                injected = faults.injected();
-            });
-            const std::string what = "call " + std::to_string(k) + " mode " + std::to_string(mode);
-            ASSERT_EQ(leaks.outstanding(), 0u) << what;
-            ASSERT_TRUE(file() == (result == 1 ? after : before)) << what;
-            // When nothing works any more, the backup is what it was or this version, and temporary files stay.
-            const bool kept = backup() == before, older = backup() == kBefore;
-            ASSERT_TRUE(result == 1 ? kept : older || (kept && mode == Faults::kFromThenOn)) << what;
-            for (const std::string &name : folder.names()) {
-                if (name[0] != '.') continue;
-                // Where one call fails that is its removal, after everything else was done.
-                ASSERT_TRUE(mode == Faults::kFromThenOn || result == 1) << what << " left " << name;
-                folder.remove(name);
-            }
-            if (injected == 0) break;
-            ASSERT_LT(k, 500);
-        }
+        int16_t result = -1;
+        put(before);
+        each_failure(
+            Faults::kAllocations | Faults::kFiles | Faults::kEnvironment,
+            [&] { captured_standard_error([&] { result = call(GetParam()); }); },
+            [&](bool, size_t leaked) {
+                ASSERT_EQ(leaked, 0u);
+                ASSERT_TRUE(file() == (result == 1 ? after : before));
+                // When nothing works any more, the backup is what it was or this version, and temporary files stay.
+                const bool kept = backup() == before, older = backup() == kBefore;
+                ASSERT_TRUE(result == 1 ? kept : older || (kept && mode == Faults::kFromThenOn));
+                for (const std::string &name : folder.names()) {
+                    if (name[0] != '.') continue;
+                    // Where one call fails that is its removal, after everything else was done.
+                    ASSERT_TRUE(mode == Faults::kFromThenOn || result == 1) << name << " is left";
+                    folder.remove(name);
+                }
+                put(before);
+            },
+            mode);
     }
 }
 
