@@ -147,30 +147,26 @@ struct Schedules : World {
 };
 SCENARIOS(ScheduleScenarios, Schedules, "schedule/scheduler");
 
-cm_cron_rec *task_of(cm_context *ctx, const char *name, bool with_function, const char *period) {
+// The period as it is kept; "-": failed; "nothing": done, and there is none.
+string registered(cm_context *ctx, const char *name, bool with_function, const char *period) {
     ctx->cron->periodic = nullptr;
-    const int16_t added = cm_cron_task(ctx, name, with_function ? note : nullptr, 0, 101, 0, period);
-    EXPECT_TRUE(added == 1 || ctx->cron->periodic == nullptr);
-    return added == 1 ? ctx->cron->periodic : nullptr;
+    const int16_t result = cm_cron_task(ctx, name, with_function ? note : nullptr, 0, 101, 0, period);
+    const cm_cron_rec *task = ctx->cron->periodic;
+    EXPECT_TRUE(result == 1 || task == nullptr);
+    return result != 1 ? "-" : task == nullptr ? "nothing" : task->period;
 }
 
 TEST(Schedule, Registration) {
     const Library library;
     scheduler_by_hand(library);
     for (const Row &row : rows("schedule/registration"))
-        for (const bool with_function : {true, false}) {
-            SCOPED_TRACE(row.where);
-            const cm_cron_rec *task = task_of(library, "task", with_function, row.text(0));
-            EXPECT_EQ(task == nullptr ? "-" : task->period, row[with_function ? 1 : 2]);
-        }
-    EXPECT_EQ(cm_cron_task(library, "task", note, 0, 101, 0, "never"), 1);
+        for (const bool with_function : {true, false})
+            EXPECT_EQ(registered(library, "task", with_function, row.text(0)), row[with_function ? 1 : 2]) << row.where;
+    EXPECT_EQ(registered(library, nullptr, true, "hourly") + registered(library, "task", true, nullptr), "--");
     EXPECT_EQ(cm_cron_task(nullptr, "task", note, 0, 101, 0, "hourly"), 0);
-    EXPECT_EQ(
-        cm_cron_init(nullptr) + cm_cron_start(nullptr) + cm_cron_stop(nullptr) + cm__cron_usertask(library, "task", 0),
-        0);
-    for (const auto &[name, period] : {std::pair<const char *, const char *>{nullptr, "hourly"}, {"task", nullptr}})
-        EXPECT_EQ(task_of(library, name, true, period), nullptr);
+    EXPECT_EQ(cm_cron_init(nullptr) + cm_cron_start(nullptr) + cm_cron_stop(nullptr), 0);
     EXPECT_EQ(cm_cron_func(library, nullptr, note) + cm_cron_func(library, "x", nullptr), 0);
+    EXPECT_EQ(cm__cron_usertask(library, "task", 0), 0);
 }
 
 TEST(Schedule, File) {
