@@ -22,6 +22,7 @@ public:
         if (operation == "find") return cm_token_find(this, argument.c_str(), limit) ? "found" : "!";
         if (operation == "value") return value(argument, limit);
         if (operation == "list") return item(argument, limit);
+        if (operation == "char") return character(argument, limit);
         const char *found = "?";
         int32_t size = 99;
         const char *const extra = argument.empty() ? nullptr : argument.c_str();
@@ -48,6 +49,14 @@ private:
         const bool found = cm_token_findval(this, name.c_str(), CM_LEN_TEXT, buffer.get(), room, &size) != 0;
         EXPECT_EQ(static_cast<size_t>(size), found ? strlen(buffer.get()) : 0);
         return (found ? "" : "!") + std::string(buffer.get());
+    }
+    // Where the first character is from a position on, before the second one if there is one.
+    std::string character(const std::string &wanted, int32_t from) {
+        int32_t index = -1;
+        position = from;
+        const int16_t result = wanted.size() == 1 ? cm_token_strchr(this, wanted[0], &index)
+                                                  : cm_token_findchr(this, wanted[0], wanted[1], &index);
+        return std::to_string(result) + " " + std::to_string(index);
     }
     std::string item(const std::string &word, int32_t size) {
         const std::string list(text, static_cast<size_t>(length));
@@ -96,30 +105,6 @@ TEST(Token, ScannersOutOfRangeFail) {
     value[0] = '?';
     EXPECT_EQ(cm_token_findval(&scanner, "name=", 5, value, 0, nullptr), 0);
     EXPECT_EQ(value[0], '?') << "no room, nothing written";
-}
-
-TEST(Token, CharactersAreFoundFromThePositionOn) {
-    Scanner scanner("a,b;c");
-    scanner.position = 1;
-    const struct {
-        char wanted, stop;  // no stop: the search for one character
-        int16_t result;
-        int32_t index;
-    } rows[] = {{';', 0, 1, 3},   {'a', 0, 0, 0},    {';', ',', 0, -1},  // the other one comes first
-                {';', 'c', 1, 3}, {';', ';', 0, -1}, {'x', 'y', 1, 5}};  // absent is not failed
-    for (const auto &row : rows) {
-        int32_t index = -1;
-        EXPECT_EQ(row.stop == 0 ? cm_token_strchr(&scanner, row.wanted, &index)
-                                : cm_token_findchr(&scanner, row.wanted, row.stop, &index),
-                  row.result)
-            << row.wanted << row.stop;
-        EXPECT_EQ(index, row.index) << row.wanted << row.stop;
-        EXPECT_EQ(scanner.position, 1);
-    }
-    int32_t index = -1;
-    scanner.position = scanner.length;
-    EXPECT_EQ(cm_token_findchr(&scanner, 'x', 'y', &index), 1) << "nor is it at the end";
-    EXPECT_EQ(index, 5);
 }
 
 }  // namespace
