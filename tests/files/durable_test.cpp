@@ -38,14 +38,6 @@ struct Durable : FilesWorld {
         folder.write("f", "old");
         folder.write("b", "older");
     }
-
-    // Names in the order in which they are drawn.
-    unsigned char drawn = 0;
-    const Replace<&Table::random_bytes> names{[this](void *out, size_t count) {
-        memset(out, 0, count);
-        static_cast<unsigned char *>(out)[count - 1] = ++drawn;
-        return true;
-    }};
 };
 SCENARIOS(DurableFiles, Durable, "files/durable");
 
@@ -53,17 +45,19 @@ struct DurableTest : testing::Test, Durable {};
 
 // Whatever fails: the old version is on disk, a failure changes nothing, and no temporary is left.
 TEST_F(DurableTest, EveryFailedStep) {
-    for (const char *backup : {static_cast<const char *>(nullptr), "b"}) {
+    for (const char *backup : {"-", "b", "fresh"}) {
+        const bool wanted = *backup != '-';
         const size_t held = leaks.outstanding();
         bool done = false;
         each_failure(
-            Faults::kBoth, [&] { done = replace(backup); },
+            Faults::kBoth, [&] { done = replace(wanted ? backup : nullptr); },
             [&](bool injected) {
                 EXPECT_EQ(held, leaks.outstanding());
                 EXPECT_TRUE(done || injected);
                 EXPECT_EQ(done ? "new" : "old", folder.read("f"));
-                EXPECT_EQ(done && backup != nullptr ? "old" : "older", folder.read("b"));
-                EXPECT_TRUE(injected || folder.names().size() == 2);
+                EXPECT_EQ(done && *backup == 'b' ? "old" : "older", folder.read("b"));
+                EXPECT_EQ(done && *backup == 'f' ? "old" : "", folder.read("fresh"));
+                EXPECT_TRUE(injected || folder.names().size() == (*backup == 'f' ? 3 : 2));
                 reset();  // the removal of a temporary may be what failed
             });
     }

@@ -126,6 +126,13 @@ protected:
     const std::unique_ptr<cm_context> context = std::make_unique<cm_context>();
     cm_context *ctx = context.get();
     size_t seen = 0;
+    // Names of temporary files count up.
+    unsigned char drawn = 0;
+    const Replace<&Table::random_bytes> names{[this](void *out, size_t count) {
+        memset(out, 0, count);
+        static_cast<unsigned char *>(out)[count - 1] = ++drawn;
+        return true;
+    }};
 };
 
 }  // namespace cm::test
