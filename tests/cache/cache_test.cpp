@@ -198,6 +198,17 @@ TEST(CacheHandles, ReadInPlace) {
     cm_fclose(second);
 }
 
+TEST(CacheHandles, WithACacheForAddressesAlone) {
+    Cache cache({"", {"", "File Cache Size = -1\nCache DNS Interval = 30"}});
+    cache.step("write f text");
+    cm_file *file = cache.opened(cache.library.folder().path("f"));
+    int16_t hit = 1;
+    EXPECT_EQ(cm_cache_open(cache.library, file, kAny, &hit), 1);
+    EXPECT_EQ(hit, 0);
+    EXPECT_EQ(cm_cache_age(cache.library, file), 1);
+    EXPECT_EQ(cache.read(file), "text");
+}
+
 TEST(CacheFailures, EveryOne) {
     Cache cache;
     cache.step("write f text");
