@@ -59,8 +59,8 @@ struct HostsSource {
 // there was no other line.
 bool read_hosts(const HostsSource &source, const HostsVisitor &visitor);
 
-// The same of the file of that path, when there is one.
-void read_hosts(const char *path, const HostsVisitor &visitor);
+// The same of the file of that path.  False when it could not be opened, or a read failed.
+bool read_hosts(const char *path, const HostsVisitor &visitor);
 
 // Whether the name of a file's line is the name that is looked for.
 bool names_match(const cm_dns_state *state, std::string_view of_line, std::string_view name);

@@ -33,14 +33,18 @@ public:
 
     bool is_open() const { return descriptor_ != kNone; }
     bool status(FileStatus *out) const { return os.file_status(descriptor_, out) == 0; }
+    bool failed() const { return failed_; }  // not all of it could be read
     static size_t read(void *self, char *buffer, size_t size) {
+        auto *file = static_cast<File *>(self);
         size_t got = 0;
-        return os.file_read(static_cast<File *>(self)->descriptor_, buffer, size, &got) == 0 ? got : 0;
+        file->failed_ = os.file_read(file->descriptor_, buffer, size, &got) != 0;
+        return file->failed_ ? 0 : got;
     }
 
 private:
     static constexpr int32_t kNone = -1;
     int32_t descriptor_ = kNone;
+    bool failed_ = false;
 };
 
 // Lines of a file, cut to 1024 bytes.  A carriage return before the line feed belongs to the line's end.
@@ -146,7 +150,8 @@ bool is_known_empty(cm_dns_state *state, const char *path, const Stamp *empty) {
 void search(cm_dns_state *state, const char *path, Stamp *empty, const HostsVisitor &visitor) {
     if (path == nullptr || is_known_empty(state, path, empty)) return;
     File file(path);
-    if (file.is_open() && read_hosts({File::read, &file}, visitor)) remember_empty(state, file, empty);
+    if (file.is_open() && read_hosts({File::read, &file}, visitor) && !file.failed())
+        remember_empty(state, file, empty);
 }
 
 }  // namespace
@@ -167,10 +172,11 @@ bool read_hosts(const HostsSource &source, const HostsVisitor &visitor) {
     return !any;
 }
 
-void read_hosts(const char *path, const HostsVisitor &visitor) {
-    if (path == nullptr) return;
+bool read_hosts(const char *path, const HostsVisitor &visitor) {
+    if (path == nullptr) return false;
     File file(path);
     if (file.is_open()) read_hosts({File::read, &file}, visitor);
+    return file.is_open() && !file.failed();
 }
 
 Stamp stamp_of(const FileStatus &status) {

@@ -59,9 +59,11 @@ class Loader {
 public:
     Loader(State *state, cm_mem_pool *pool) : state_(state), pool_(pool) {}
 
-    bool load() {
-        read_hosts(state_->hosts_path, {take_host, nullptr, this});
-        if (!failed_) read_hosts(state_->mx_path, {nullptr, take_exchanger, this});
+    // A file that could not be read keeps no stamp, so that it is tried again.
+    bool load(const Stamp &hosts, const Stamp &exchangers) {
+        Records *records = state_->records;
+        if (read_hosts(state_->hosts_path, {take_host, nullptr, this})) records->hosts = hosts;
+        if (!failed_ && read_hosts(state_->mx_path, {nullptr, take_exchanger, this})) records->exchangers = exchangers;
         return !failed_;
     }
 
@@ -146,12 +148,11 @@ bool refresh(cm_context *ctx) {
     const Stamp hosts = stamp_of(state->hosts_path), exchangers = stamp_of(state->mx_path);
     if (records->pool == nullptr || hosts != records->hosts || exchangers != records->exchangers) {
         clear(state);
-        if (cm_mem_init(ctx, &records->pool, kPoolBlockSize) == 0 || !Loader(state, records->pool).load()) {
+        if (cm_mem_init(ctx, &records->pool, kPoolBlockSize) == 0 ||
+            !Loader(state, records->pool).load(hosts, exchangers)) {
             clear(state);
             return false;
         }
-        records->hosts = hosts;
-        records->exchangers = exchangers;
     }
     records->checked_ms = now;
     return true;
