@@ -1,6 +1,4 @@
 // Section "common": every key with good and bad values.
-#include <map>
-
 #include "cmctx_config.h"
 #include "support/data.h"
 #include "support/support.h"
@@ -31,27 +29,27 @@ protected:
     }
     // What is stored under a key.
     std::string stored(const std::string &key) {
-        const std::map<std::string, int32_t> numbers = {{"Log Size", ctx_.log_size},
-                                                        {"Idle Threads", ctx_.idle_threads},
-                                                        {"Maximum Connections", ctx_.max_connections},
-                                                        {"Network Read Timeout", ctx_.net_read_timeout},
-                                                        {"Maximum Threads", ctx_.max_threads},
-                                                        {"Throttle IPs", ctx_.throttle_ips},
-                                                        {"Scheduler Task Timeout", ctx_.sched_task_timeout},
-                                                        {"Dial-On-Demand Timeout", ctx_.dial_timeout},
-                                                        {"Dial-On-Demand Busy Timeout", ctx_.dial_busy_timeout},
-                                                        {"File Cache Size", ctx_.file_cache_size},
-                                                        {"Maximum Cached File", ctx_.max_cached_file},
-                                                        {"Cache Stat Interval", ctx_.cache_stat_interval},
-                                                        {"Cache DNS Interval", ctx_.cache_dns_interval},
-                                                        {"Cache Flush Interval", ctx_.cache_flush_interval},
-                                                        {"DNS TTL", ctx_.dns->ttl},
-                                                        {"DNS Timeout", static_cast<int32_t>(ctx_.dns->timeout)},
-                                                        {"Trace Level", ctx_.trace_level},
-                                                        {"Network Trace Level", ctx_.net_trace_level},
-                                                        {"DNS Wildcards", ctx_.dns->flags},
-                                                        {"dns wildcards", ctx_.dns->flags}};
-        const std::map<std::string, std::string> texts = {
+        const std::pair<std::string_view, int64_t> numbers[] = {{"Log Size", ctx_.log_size},
+                                                                {"Idle Threads", ctx_.idle_threads},
+                                                                {"Maximum Connections", ctx_.max_connections},
+                                                                {"Network Read Timeout", ctx_.net_read_timeout},
+                                                                {"Maximum Threads", ctx_.max_threads},
+                                                                {"Throttle IPs", ctx_.throttle_ips},
+                                                                {"Scheduler Task Timeout", ctx_.sched_task_timeout},
+                                                                {"Dial-On-Demand Timeout", ctx_.dial_timeout},
+                                                                {"Dial-On-Demand Busy Timeout", ctx_.dial_busy_timeout},
+                                                                {"File Cache Size", ctx_.file_cache_size},
+                                                                {"Maximum Cached File", ctx_.max_cached_file},
+                                                                {"Cache Stat Interval", ctx_.cache_stat_interval},
+                                                                {"Cache DNS Interval", ctx_.cache_dns_interval},
+                                                                {"Cache Flush Interval", ctx_.cache_flush_interval},
+                                                                {"DNS TTL", ctx_.dns->ttl},
+                                                                {"DNS Timeout", ctx_.dns->timeout},
+                                                                {"Trace Level", ctx_.trace_level},
+                                                                {"Network Trace Level", ctx_.net_trace_level},
+                                                                {"DNS Wildcards", ctx_.dns->flags},
+                                                                {"dns wildcards", ctx_.dns->flags}};
+        const std::pair<std::string_view, std::string> texts[] = {
             {"Cookie Tag", text(ctx_.cookie_tag, &ctx_.cookie_tag_len)},
             {"Log Directory", text(ctx_.log_dir)},
             {"Tmp Directory", text(ctx_.tmp_dir)},
@@ -69,17 +67,21 @@ protected:
             {"DNS Primary", text(ctx_.dns->primary_text)},
             {"DNS Secondary", text(ctx_.dns->secondary_text)},
             {"DNS Hosts File", text(ctx_.dns->hosts_name)}};
-        const std::map<std::string, uint32_t> flags = {{"Persistent Cookies", CTX_PERSISTENT_COOKIES},
-                                                       {"Trace Performance", CTX_TRACE_PERF},
-                                                       {"Flush Logs", CTX_FLUSH_LOGS},
-                                                       {"Linger Close", CTX_LINGER_CLOSE},
-                                                       {"Resolve Host Names", CTX_RESOLVE_NAMES},
-                                                       {"Dial-On-Demand", CTX_DIAL_ON_DEMAND},
-                                                       {"Dial-On-Demand Trace", CTX_DIAL_TRACE},
-                                                       {"Dynamic IP Test", CTX_DYNAMIC_IP_TEST}};
-        if (numbers.contains(key)) return std::to_string(numbers.at(key));
-        if (texts.contains(key)) return texts.at(key);
-        return (ctx_.flags & flags.at(key)) != 0 ? "1" : "0";
+        const std::pair<std::string_view, uint32_t> flags[] = {{"Persistent Cookies", CTX_PERSISTENT_COOKIES},
+                                                               {"Trace Performance", CTX_TRACE_PERF},
+                                                               {"Flush Logs", CTX_FLUSH_LOGS},
+                                                               {"Linger Close", CTX_LINGER_CLOSE},
+                                                               {"Resolve Host Names", CTX_RESOLVE_NAMES},
+                                                               {"Dial-On-Demand", CTX_DIAL_ON_DEMAND},
+                                                               {"Dial-On-Demand Trace", CTX_DIAL_TRACE},
+                                                               {"Dynamic IP Test", CTX_DYNAMIC_IP_TEST}};
+        for (const auto &[name, value] : numbers)
+            if (name == key) return std::to_string(value);
+        for (const auto &[name, value] : texts)
+            if (name == key) return value;
+        for (const auto &[name, bit] : flags)
+            if (name == key) return std::to_string((ctx_.flags & bit) != 0);
+        return "no such key";
     }
 
     cm_context ctx_{};

@@ -15,14 +15,15 @@ namespace cm::test {
 // each `check(injected)`, or `check(injected, leaked)`: whether there was a failure that time, and how many blocks it
 // did not give back.
 template <class Run, class Check>
-void each_failure(uint32_t groups, const Run &run, const Check &check, Faults::Mode mode = Faults::kOnce) {
+void each_failure(uint32_t groups, const Run &run, const Check &check, Faults::Mode mode = Faults::kOnce,
+                  platform::Error error = Faults::kInputOutput) {
     constexpr bool kCountsLeaks = std::is_invocable_v<Check, bool, size_t>;
     for (int64_t k = 1, injected = 1; injected > 0 && !testing::Test::HasFatalFailure(); k++) {
         const testing::ScopedTrace where(__FILE__, __LINE__, "failure of call " + std::to_string(k));
         std::optional<LeakCheck> leaks;
         if constexpr (kCountsLeaks) leaks.emplace();
         {
-            const Faults faults(groups, k, Faults::kInputOutput, mode);
+            const Faults faults(groups, k, error, mode);
             run();
             injected = faults.injected();
         }
