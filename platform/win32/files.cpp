@@ -12,8 +12,11 @@ using namespace win32;
 namespace {
 
 constexpr int64_t kEpoch = 116444736000000000;
-constexpr int kReplaceTries = 20;
-constexpr DWORD kReplacePause = 25;  // milliseconds; scanners and indexers hold a new file for a moment
+constexpr int64_t kReplaceMs = 3000;  // scanners, indexers and readers hold a file for a moment
+constexpr DWORD kReplaceTriesAtOnce = 64, kReplacePause = 25;
+
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+constexpr DWORD kThatItself = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT;  // a folder or a link, too
 
 HANDLE handle_of(int32_t descriptor) {
     return reinterpret_cast<HANDLE>(_get_osfhandle(descriptor));
@@ -114,8 +117,7 @@ Error file_open(const char *path, int32_t flags, int32_t *out_descriptor) {
     if ((flags & CM_O_SEQ) != 0) attributes |= FILE_FLAG_SEQUENTIAL_SCAN;
     if ((flags & kOpenNoFollow) != 0) attributes |= FILE_FLAG_OPEN_REPARSE_POINT;
     const HANDLE handle =
-        CreateFileW(wide.get(), access_of(flags), FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                    disposition_of(flags), attributes, nullptr);
+        CreateFileW(wide.get(), access_of(flags), kShareAll, nullptr, disposition_of(flags), attributes, nullptr);
     if (handle == INVALID_HANDLE_VALUE) {
         const DWORD code = GetLastError();
         const DWORD found = code == ERROR_ACCESS_DENIED ? GetFileAttributesW(wide.get()) : INVALID_FILE_ATTRIBUTES;
@@ -192,8 +194,7 @@ Error path_status(const char *path, bool follow, FileStatus *out) {
     if (!wide) return last_error();
     const DWORD flags = FILE_FLAG_BACKUP_SEMANTICS | (follow ? 0 : FILE_FLAG_OPEN_REPARSE_POINT);
     const HANDLE handle =
-        CreateFileW(wide.get(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                    OPEN_EXISTING, flags, nullptr);
+        CreateFileW(wide.get(), FILE_READ_ATTRIBUTES, kShareAll, nullptr, OPEN_EXISTING, flags, nullptr);
     if (handle == INVALID_HANDLE_VALUE) return last_error();
     const Error error = describe(handle, wide.get(), out);
     CloseHandle(handle);
@@ -220,18 +221,50 @@ Error path_set_mode(const char *path, uint32_t mode) {
     return wanted == attributes || SetFileAttributesW(wide.get(), wanted) ? 0 : last_error();
 }
 
-// Replacing fails while another process looks at either file, which passes.
+namespace {
+
+// A rename as newer systems have it: what is open keeps the old file, the name is the new one's at once.  False also
+// where there is no such thing.
+bool replace_while_open(const WidePath &from, const WidePath &to) {
+    struct Rename {  // FILE_RENAME_INFO, whose flags older headers do not have
+        DWORD flags;
+        HANDLE root;
+        DWORD bytes;
+        wchar_t name[1];
+    };
+    constexpr auto kRenameEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(22);
+    constexpr DWORD kReplace = 1, kPosix = 2;
+    const size_t bytes = wcslen(to.get()) * sizeof(wchar_t), size = sizeof(Rename) + bytes;
+    WideBuffer room;
+    auto *rename = reinterpret_cast<Rename *>(room.reserve(size / sizeof(wchar_t)));
+    if (rename == nullptr) return false;
+    *rename = {kReplace | kPosix, nullptr, static_cast<DWORD>(bytes), {}};
+    memcpy(rename->name, to.get(), bytes);
+    const HANDLE handle = CreateFileW(from.get(), DELETE | SYNCHRONIZE, kShareAll, nullptr, OPEN_EXISTING,
+                                      kThatItself | FILE_FLAG_WRITE_THROUGH, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) return false;
+    const bool done = SetFileInformationByHandle(handle, kRenameEx, rename, static_cast<DWORD>(size)) != 0;
+    CloseHandle(handle);
+    return done;
+}
+
+}  // namespace
+
+// Replacing may fail while somebody else looks at either file, which passes.
 Error path_rename(const char *from, const char *to) {
     const WidePath wide_from(from), wide_to(to);
     if (!wide_from || !wide_to) return last_error();
-    for (int i = 1;; i++) {
-        if (MoveFileExW(wide_from.get(), wide_to.get(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) return 0;
+    constexpr DWORD kReplaceFlags = MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH;
+    const int64_t end = monotonic_ms() + kReplaceMs;
+    for (DWORD tries = 1;; tries++) {
+        if (replace_while_open(wide_from, wide_to) || MoveFileExW(wide_from.get(), wide_to.get(), kReplaceFlags))
+            return 0;
         const DWORD code = GetLastError();
-        if (i == kReplaceTries || !is_held_by_another(code)) return map_error(code);
+        if (!is_held_by_another(code) || monotonic_ms() >= end) return map_error(code);
         const DWORD target = GetFileAttributesW(wide_to.get());
         if (target != INVALID_FILE_ATTRIBUTES && (target & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY)) != 0)
             return map_error(code);
-        Sleep(kReplacePause);
+        Sleep(tries < kReplaceTriesAtOnce ? 0 : kReplacePause);
     }
 }
 

@@ -36,7 +36,7 @@ public:
     wchar_t *reserve(size_t count);  // once; null when there is no memory
 
 private:
-    wchar_t room_[320];
+    alignas(8) wchar_t room_[320];
     wchar_t *more_ = nullptr;
 };
 
