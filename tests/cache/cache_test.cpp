@@ -58,7 +58,10 @@ struct Cache : World {
             fs::last_write_time(name, fs::last_write_time(name) + std::chrono::seconds(5));
         });
         on("open", [this](auto &words) { return read(opened(path(words), words[1])); });
-        on("same", [this](auto &words) { return read(opened(path(words))) == "=" + library.folder().read(words[0]); });
+        on("same", [this](auto &words) {
+            const string text = read(opened(path(words)));
+            return text.substr(text[0] == '=') == library.folder().read(words[0]);
+        });
         on("hold", [this](auto &words) { return (held = opened(path(words))) != nullptr; });
         on("held", [this](auto &) { return string(held->buffer, static_cast<size_t>(held->total)); });
         on("drop", [this](auto &) { return cm_fclose(held); });
@@ -236,7 +239,7 @@ TEST(CacheFailures, EveryOne) {
 TEST(CacheThreads, SixteenSeeNoStaleByteAfterTheInterval) {
     Cache cache;
     std::atomic<int> oldest = 0;  // the version that everybody must see at least
-    std::atomic<bool> done = false;
+    std::atomic<bool> done = false, replacing = false;
     cache.library.ctx()->max_cached_file = cache.library.ctx()->file_cache_size = 5000;
     const auto text_of = [](int version) {
         return to_string(version) + string(50 + static_cast<size_t>(version), '.');
@@ -247,6 +250,7 @@ TEST(CacheThreads, SixteenSeeNoStaleByteAfterTheInterval) {
     for (int i = 0; i < 16; i++)
         threads.emplace_back([&, i] {
             for (int round = 0; !done; round++) {
+                while (replacing) std::this_thread::sleep_for(std::chrono::milliseconds(1));
                 const int least = oldest;
                 string text = cache.step(i % 2 == 0 ? "open f" : "open f seqbinary");
                 if (text[0] == '=') text.erase(0, 1);
@@ -260,7 +264,9 @@ TEST(CacheThreads, SixteenSeeNoStaleByteAfterTheInterval) {
         });
     for (int version = 1; version <= 300; version++) {
         folder.write("new", text_of(version));
-        ASSERT_EQ(os.path_rename(folder.path("new").c_str(), folder.path("f").c_str()), 0);
+        replacing = cm::platform::kFoldsPathCase;  // such a system may refuse it while somebody has the file open
+        EXPECT_EQ(os.path_rename(folder.path("new").c_str(), folder.path("f").c_str()), 0);
+        replacing = false;
         cache.clock.advance(11);
         oldest = version;
         for (int i = 0; i < 20; i++) os.thread_yield();
