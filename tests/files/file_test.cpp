@@ -11,6 +11,7 @@ namespace {
 
 constexpr int32_t kRewrite = CM_O_RDWR | CM_O_CREAT | CM_O_TRUNC;
 const std::map<std::string, int32_t> kFlags = {{"read", CM_O_RDONLY},
+                                               {"read-write", CM_O_RDWR},
                                                {"rewrite", kRewrite},
                                                {"sequential", CM_O_SEQ},
                                                {"sequential-binary", CM_O_SEQ | CM_O_BINARY},

@@ -12,6 +12,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -106,8 +107,9 @@ protected:
         return parent + std::string(length - folder.path(parent).size(), 'e') + word.substr(slash);
     }
 
-    // What was told since the last call.
+    // What was told since the last call, of any thread.
     std::string told() {
+        const std::lock_guard guard(telling);
         const std::string all = captured.text();
         return all.substr(std::exchange(seen, all.size()));
     }
@@ -125,7 +127,8 @@ protected:
     const std::string root_path = folder.absolute();
     const std::unique_ptr<cm_context> context = std::make_unique<cm_context>();
     cm_context *ctx = context.get();
-    size_t seen = 0;
+    std::mutex telling;
+    size_t seen = 0;  // guarded by it
     // Names of temporary files count up.
     unsigned char drawn = 0;
     const Replace<&Table::random_bytes> names{[this](void *out, size_t count) {
