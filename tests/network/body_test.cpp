@@ -1,50 +1,8 @@
-// Bodies: framing to the byte, compression by decoding, and every way in which a body can fail.
-#include <sstream>
-
+// Bodies where a step of a scenario would not do: every length, every range of a file, every call that can fail.
 #include "network/wire.h"
 
 namespace cm::test {
 namespace {
-
-std::vector<size_t> numbers(const std::string &text) {
-    std::istringstream in(text);
-    return {std::istream_iterator<size_t>(in), {}};
-}
-
-TEST(Body, PiecesBecomeSends) {
-    const auto ctx = std::make_unique<cm_context>();
-    ctx->net_trace_level = CM_NTRACE_PACKETS;
-    for (const Row &row : rows("network/pieces")) {
-        for (const auto &[chunked, traced] : {std::pair(false, false), {false, true}, {true, false}, {true, true}}) {
-            SCOPED_TRACE(row.where + ": " + row[0]);
-            Wire wire(chunked ? CM_CONN_CHUNKED : 0);
-            if (traced) wire.state->ctx = ctx.get();
-            std::string body, expected;
-            for (const size_t piece : numbers(row[1])) {
-                body += sample(piece);
-                ASSERT_EQ(wire.put(sample(piece)), 1);
-            }
-            if (!traced) {
-                EXPECT_EQ(wire.sends.size(), static_cast<size_t>(row.number(3)));
-            }
-            ASSERT_EQ(wire.put("", 1), 1);
-            const std::vector<size_t> sends = numbers(row[2]);
-            size_t at = 0;
-            for (const size_t size : sends) {
-                expected += chunked ? chunk(body.substr(at, size)) : body.substr(at, size);
-                at += size;
-            }
-            EXPECT_TRUE(wire.sent == expected);
-            EXPECT_LE(wire.sends.size(), sends.size() * (traced && chunked ? 2 : 1));
-            if (traced) {
-                EXPECT_EQ(wire.sends.size(), sends.size() * (chunked ? 2 : 1));  // the head is a piece of its own
-            }
-            wire.sent.clear();
-            ASSERT_EQ(wire.end(), 1);
-            EXPECT_EQ(wire.sent, chunked ? "0\r\n\r\n" : "");
-        }
-    }
-}
 
 TEST(Body, EveryLengthAroundTheLimitsIsOneWholeChunk) {
     for (size_t size = 15940; size <= 16012; size++) {
@@ -52,20 +10,6 @@ TEST(Body, EveryLengthAroundTheLimitsIsOneWholeChunk) {
         ASSERT_TRUE(wire.put(sample(size)) == 1 && wire.end() == 1);
         EXPECT_TRUE(wire.sent == chunk(sample(size)) + "0\r\n\r\n") << size;
     }
-}
-
-TEST(Body, WhatStandsBeforeAndAfterACompressedBodyIsPlain) {
-    Wire wire;
-    ASSERT_EQ(wire.put("HTTP/1.1 200 OK\r\n\r\n"), 1);
-    wire.conn->flags |= CM_CONN_CHUNKED | CM_CONN_GZIP;
-    ASSERT_EQ(wire.put("text"), 1);
-    EXPECT_EQ(wire.sent, "HTTP/1.1 200 OK\r\n\r\n");
-    EXPECT_TRUE(wire.more[0]);
-    ASSERT_EQ(wire.end(), 1);
-    EXPECT_EQ(gunzip(joined(chunks_of(wire.sent.substr(19)))), "text");
-    wire.sent.clear();
-    ASSERT_EQ(cm_net_putdata(wire, wire, "HTTP/1.1 200 OK", CM_LEN_TEXT, 1), 1);
-    EXPECT_EQ(wire.sent, "HTTP/1.1 200 OK");
 }
 
 TEST(Body, GzipDecodesToItsInput) {
@@ -83,56 +27,6 @@ TEST(Body, GzipDecodesToItsInput) {
             EXPECT_EQ(chunks.back().size(), 8u);  // the trailer is a chunk of its own
             for (size_t i = 0; i + 2 < chunks.size(); i++) EXPECT_EQ(chunks[i].size(), 16000u);
         }
-    }
-    for (const bool with_call : {false, true}) {
-        Wire wire(CM_CONN_GZIP);
-        if (with_call) wire.put("", 1);
-        ASSERT_EQ(wire.end(), 1);
-        EXPECT_EQ(wire.sent, std::string("\x1F\x8B\x08\0\0\0\0\0\0\x0B\x03\0\0\0\0\0\0\0\0\0\0", 20));
-    }
-}
-
-TEST(Body, ACompressorThatCannotStartClosesTheHandle) {
-    std::string output;
-    int rounds = 0;
-    bool good = true;
-    each_failure(
-        Faults::kAllocations,
-        [&] {
-            Wire wire(CM_CONN_GZIP);
-            output = captured_standard_error([&] { good = wire.put("text") == 1; });
-            EXPECT_NE(wire.closed(), good);
-            EXPECT_EQ(wire.end(), good);
-        },
-        [&](bool injected, size_t leaked) {
-            rounds++;
-            EXPECT_NE(injected, good);
-            EXPECT_EQ(output, injected ? "Tilvar Server Error: ZLIB deflateInit2() failure.\n" : "");
-            EXPECT_EQ(leaked, 0u);
-        });
-    EXPECT_GT(rounds, 6);  // stream, stage and what the compressor itself asks for
-}
-
-TEST(Body, ABodyThatIsNeverEndedGivesItsMemoryBack) {
-    const LeakCheck leaks;
-    Wire wire(CM_CONN_GZIP);
-    ASSERT_EQ(wire.put(sample(100000)), 1);
-    EXPECT_GT(leaks.outstanding(), 0u);
-    for (int i = 0; i < 2; i++) net::release_body(wire);
-    EXPECT_EQ(leaks.outstanding(), 0u);
-    EXPECT_EQ(wire.conn->gz_staged, 0);
-}
-
-// The compressor fails only when its state is damaged, so the tests damage it: without room, then without a state.
-TEST(Body, ADamagedCompressorClosesTheHandle) {
-    for (const bool at_end : {false, true}) {
-        Wire wire(CM_CONN_GZIP | CM_CONN_CHUNKED);
-        EXPECT_EQ(wire.put("text"), 1);
-        static_cast<z_stream *>(wire.conn->gz)->next_out = nullptr;
-        EXPECT_EQ(captured_standard_error([&] { EXPECT_EQ(at_end ? wire.end() : wire.put(sample(20000)), 0); }),
-                  at_end ? "Tilvar Server Error: ZLIB deflate error (-2)\n"
-                         : "Tilvar Server Error: ZLIB deflate error on stream: -2\n");
-        EXPECT_TRUE(wire.closed());
     }
 }
 
@@ -163,23 +57,66 @@ TEST(Body, ACompressorThatCannotBeFreedIsReported) {
     for (void *block : blocks) platform::kSystem.release(block);
 }
 
-TEST(Body, AFailedSendClosesTheHandleAndDropsWhatWaited) {
-    const std::string input = sample(100000, true);
-    for (const auto &[flags, room] : {std::pair(0u, 20000u),
-                                      {CM_CONN_CHUNKED, 20000u},
-                                      {CM_CONN_GZIP, 20000u},
-                                      {CM_CONN_CHUNKED | CM_CONN_GZIP, 90000u}}) {  // the end of a body
-        Wire wire(flags);
-        wire.room = room;
-        int16_t result = 1;
-        for (size_t i = 0; i < 10 && result != 0; i++) result = wire.put(input.substr(i * 10000, 10000));
-        if (result != 0) result = wire.end();
-        EXPECT_EQ(result, 0) << flags;
-        EXPECT_TRUE(wire.closed()) << flags;
-        const size_t sends = wire.sends.size();
-        EXPECT_EQ(wire.put("x", 1), 0);
-        EXPECT_EQ(wire.end(), 0);
-        EXPECT_EQ(wire.sends.size(), sends) << flags;
+int16_t put_file(Wire &wire, const std::string &path, int64_t first, int64_t last, bool cached = false) {
+    return cm_net_putfile(wire, wire, path.c_str(), static_cast<int32_t>(first), static_cast<int32_t>(last), cached);
+}
+
+// What a range means, in the words of the interface: last 0 is the end, a last before the first is nothing.
+std::string range_of(const std::string &content, int64_t first, int64_t last) {
+    if (first >= static_cast<int64_t>(content.size()) || (last > 0 && last < first)) return "";
+    return content.substr(static_cast<size_t>(first),
+                          last > 0 ? static_cast<size_t>(last - first + 1) : std::string::npos);
+}
+
+TEST(Files, EveryWayCarriesTheSameBytes) {
+    const Library library("File Cache Size = 10000000\nMaximum Cached File = 100000\nCache Stat Interval = 3600");
+    const TempFolder folder;
+    ASSERT_EQ(cm_net_trace(library, CM_NTRACE_PACKETS), 1);
+    const auto carried = [&](const std::string &path, int64_t first, int64_t last, std::string_view way) {
+        const bool cached = way.starts_with("cached"), chunked = way.ends_with("chunked"), gzip = way.ends_with("gzip");
+        Wire wire;
+        if (cached || way == "traced") wire.state->ctx = library;
+        library.ctx()->net_trace_level = way == "traced" ? CM_NTRACE_PACKETS : CM_NTRACE_NONE;
+        wire.no_file_sends = way == "no file sends";
+        EXPECT_EQ(wire.put("header", chunked), 1);
+        wire.conn->flags |= (chunked ? CM_CONN_CHUNKED : 0) | (gzip ? CM_CONN_GZIP : 0);
+        EXPECT_TRUE(put_file(wire, path, first, last, cached) == 1 && wire.end() == 1);
+        EXPECT_TRUE(wire.sent.starts_with("header"));
+        const std::string body = wire.sent.substr(6);
+        return chunked ? joined(chunks_of(body)) : gzip ? gunzip(body) : body;
+    };
+    for (const int64_t size : {0, 1, 1023, 1024, 1025, 4096, 15980, 15981, 15982, 16000, 16001, 32768, 33000, 200000}) {
+        const std::string content = sample(static_cast<size_t>(size));
+        const std::string path = folder.write("file" + std::to_string(size), content);
+        for (const int64_t first : {int64_t{0}, int64_t{1}, size / 2, size - 1, size, size + 10})
+            for (const int64_t last :
+                 {int64_t{0}, first - 1, first, size / 2, size - 1, size, size + 100, int64_t{INT32_MAX}})
+                for (const char *way : {"plain", "no file sends", "traced", "chunked", "gzip", "cached", "cached, gzip",
+                                        "cached, chunked"})
+                    EXPECT_TRUE(first < 0 || last < 0 ||
+                                carried(path, first, last, way) == range_of(content, first, last))
+                        << way << " " << size << ": " << first << "-" << last;
+    }
+}
+
+TEST(Files, EveryFailureClosesThemAndIsReported) {
+    const TempFolder folder;
+    const std::string path = folder.write("file", sample(40000));
+    const StandardErrorCapture quiet;
+    for (const uint32_t flags : {0, CM_CONN_CHUNKED, CM_CONN_GZIP}) {
+        bool good = false;
+        each_failure(
+            Faults::kFiles | Faults::kAllocations,
+            [&] {
+                Wire wire(flags);
+                good = put_file(wire, path, 1, 0) == 1 && wire.end() == 1;
+                // Only the close may go unreported.
+                EXPECT_TRUE(!good || flags != 0 || wire.sent == sample(40000).substr(1));
+            },
+            [&](bool injected, size_t leaked) {
+                EXPECT_TRUE(good || injected);
+                EXPECT_EQ(leaked, 0u);
+            });
     }
 }
 

@@ -51,7 +51,6 @@ public:
     std::string sent;
     std::vector<size_t> sends;   // bytes of each send
     std::vector<bool> more;      // whether it said that more follows
-    int file_sends = 0;          // of `sends`, by the file-to-socket call
     bool no_file_sends = false;  // there is no such call
     size_t room = SIZE_MAX;      // what can be sent until the peer is gone
 
@@ -81,7 +80,6 @@ private:
             int64_t position = 0;
             platform::kSystem.file_seek(descriptor, offset, CM_SEEK_START, &position);
             platform::kSystem.file_read(descriptor, bytes.data(), bytes.size(), out_count);
-            file_sends++;
             return keep({bytes.data(), *out_count}, false);
         }};
     Replace<&Table::socket_receive> receive_{
