@@ -30,7 +30,7 @@ TEST(Chrony, SetsTheClockToWhatItIs) {
         probe.send('\x0B' + string(47, '\0'), port);
         return probe.readable(50);
     }));
-    Redirect redirect{123, port};
+    Redirect redirect{port};
     std::vector<int64_t> set;
     const Replace<&Table::set_wall_clock> setter{[&](const cm_tm *utc, int32_t) {
         set.push_back(cm_tm2sec(utc));

@@ -1,20 +1,19 @@
-// Servers at ports where tests cannot listen, which answer within the send of the request, so that nothing waits: what
-// is there is there, and a wait for more only moves the frozen clock.
+// Servers at ports where tests cannot listen, which answer within the send of the request.
 #pragma once
 
 #include "network/net.h"
 
 namespace cm::test {
 
-// Leads what goes to one port to another one of 127.0.0.1, and what comes from there back.
+// Leads what goes to port 0 (of echo requests), 68 and 123 to another one of 127.0.0.1, and what comes from there back.
 struct Redirect {
-    const int32_t from, to;
+    const int32_t to;
     std::function<void()> after_send = [] {};
-    int sends = 0;
+    int32_t from = -1;
     const Replace<&Table::socket_send_to> send{
         [this](cm_socket socket, uint32_t address, int32_t port, const void *data, size_t length) {
-            if (port != from) return send.real(socket, address, port, data, length);
-            sends++;
+            if (port != 0 && port != 68 && port != 123) return send.real(socket, address, port, data, length);
+            from = port;
             const uint32_t here = address == 0xFFFFFFFFu ? address_of("127.0.0.1") : address;
             const Error error = send.real(socket, here, to, data, length);
             if (error == 0) after_send();
@@ -27,16 +26,6 @@ struct Redirect {
         if (error == 0 && *out_port == to) *out_port = from;
         return error;
     }};
-};
-
-struct NoWaiting {
-    FrozenClock &clock;
-    const Replace<&Table::socket_wait> wait{
-        [this](platform::WaitItem *items, int32_t count, int32_t timeout_ms, int32_t *out_ready) {
-            const Error error = wait.real(items, count, 0, out_ready);
-            if (error == 0 && *out_ready == 0) clock.advance_ms(timeout_ms);
-            return error;
-        }};
 };
 
 }  // namespace cm::test
