@@ -96,6 +96,13 @@ TEST_F(NamesTest, StatIsOfPlainFilesAndSaturates) {
     EXPECT_EQ(0u, record.mtime);
 }
 
+TEST(Listings, OfTheRootAndOfNothing) {
+    cm_dir listing;
+    EXPECT_EQ(1, cm_opendir("/", &listing));
+    EXPECT_EQ(1, cm_closedir(&listing));
+    EXPECT_EQ(0, cm_opendir("", &listing));
+}
+
 // Whatever fails, a copy that is said to be complete is, the source stays, and no file stays open.
 TEST_F(NamesTest, CopyingAndRemovingWithEveryFailedStep) {
     const std::string bytes(2500, 'c');
