@@ -3,15 +3,20 @@
 #include <random>
 #include <set>
 
-#include "scheduler.h"
+#include "files/cmcron.h"
 #include "support/data.h"
 #include "support/replace.h"
+#include "support/support.h"
 
 using namespace cm::test;
+using cm::platform::os;
 using std::string;
 using std::to_string;
+using Strings = std::vector<string>;
 
 namespace {
+
+constexpr int64_t kHour = 3600, kDay = 86400;
 
 struct Field {
     int32_t count, offset;
