@@ -57,18 +57,6 @@ TEST(Table, AFullTableWaitsInStepsOfASecondUntilAHandleIsClosed) {
     waiter.join();
 }
 
-TEST(Table, BytesThatThePeerDoesNotTakeAreNotConfirmed) {
-    Net net;
-    Link link(net);
-    ASSERT_EQ(os.socket_set_blocking(*link.conn->sock, false), 0);
-    const std::string block(1 << 20, 'x');
-    const Slice slice = {block.data(), block.size()};
-    for (size_t sent = 0; os.socket_send(*link.conn->sock, &slice, 1, false, &sent) == 0;) {
-    }
-    EXPECT_FALSE(os.socket_all_confirmed(*link.conn->sock));
-    link.peer.reset();
-}
-
 TEST(Send, ManySlicesArriveInOrderThroughShortSends) {
     Net net;
     Link link(net);

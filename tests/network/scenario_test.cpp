@@ -32,9 +32,10 @@ int16_t CM_CALL set_the_clock(cm_context *, const char *, cm_value) {
 // The library's ends of connections:
 //     listen L [ADDRESS|* [PORT [SECONDS]]], listenu L [ADDRESS|* [PORT]], listenc L C      "*": null
 //     accept C L [chunked]          visit C L [ADDRESS]    a peer connects and is accepted
-//     connect C HOST PORT [tls|later], connecta C PORT OWN-PORT    1, or the number of the error
+//     connect C HOST PORT [tls|later|from OWN-PORT]    1, or the number of the error
 //     take C                        a handle without a socket
-//     send C TEXT [LENGTH], receive C [SIZE], alive C, flood C (sends until that fails), limit C MS (by the system)
+//     send C TEXT [LENGTH], receive C [SIZE], alive C, flood C (sends until that fails), all-confirmed C
+//     limit C MS                    by the system
 //     token C, answer C TEXT [LENGTH], putfile C NAME [FIRST LAST], end-body C, encode C chunked|gzip    buffered
 //     fopen C NAME                  what is sent goes to a file of the install folder
 //     dnssendto U PORT TEXT [LENGTH], sendto U PORT TEXT, recv U [SECONDS], recvfrom U
@@ -113,38 +114,21 @@ private:
 
     // ---- handles ----------------------------------------------------------------------------------------------------
 
-    template <class Make>
-    int16_t listening(const Words &words, const Make &make) {
+    int16_t listening(const string &kind, const Words &words) {
         cm_conn *&listener = conn(words[0]);
         const char *const address = words[1] == "*" ? nullptr : words.count() > 1 ? words.text(1) : "127.0.0.1";
-        const int16_t result = make(address, words.count() > 2 ? port(words[2]) : 0, &listener);
+        const int32_t wanted = words.count() > 2 ? port(words[2]) : 0;
+        const int16_t result = kind == "listen"
+                                   ? cm_net_listen(net_.state, address, wanted, 128, number(words, 3, 20), 1, &listener)
+                               : kind == "listenu" ? cm_net_listenu(net_.state, address, wanted, &listener)
+                                                   : cm_net_listenc(net_.state, conn(words[1]), 1, 0, &listener);
         EXPECT_EQ(result, listener != nullptr);
         if (listener != nullptr) name_port(words[0], listener->peer_port);
         return result;
     }
-    string connecting(const string &name, const std::function<int16_t(cm_conn **, int32_t *)> &connect) {
-        int32_t error = -1;
-        const int16_t result = connect(&conn(name), &error);
-        EXPECT_EQ(result, conn(name) != nullptr);
-        EXPECT_TRUE(result == 0 || error == 0);
-        return to_string(result != 0 ? 1 : error);
-    }
     void handles() {
-        on("listen", [this](auto &words) {
-            return listening(words, [&](const char *address, int32_t port, cm_conn **out) {
-                return cm_net_listen(net_.state, address, port, 128, number(words, 3, 20), 1, out);
-            });
-        });
-        on("listenu", [this](auto &words) {
-            return listening(words, [&](const char *address, int32_t port, cm_conn **out) {
-                return cm_net_listenu(net_.state, address, port, out);
-            });
-        });
-        on("listenc", [this](auto &words) {
-            return listening(words, [&](const char *, int32_t, cm_conn **out) {
-                return cm_net_listenc(net_.state, conn(words[1]), 1, 0, out);
-            });
-        });
+        for (const char *kind : {"listen", "listenu", "listenc"})
+            on(kind, [this, kind](auto &words) { return listening(kind, words); });
         on("accept", [this](auto &words) {
             cm_conn *&made = conn(words[0]);
             const uint32_t flags = words[2] == "chunked" ? CM_CONN_CHUNKED : 0;
@@ -158,16 +142,17 @@ private:
             return (conn(words[0]) = net_.accept(conn(words[1]))) != nullptr;
         });
         on("connect", [this](auto &words) {
-            return connecting(words[0], [&](cm_conn **out, int32_t *out_error) {
-                return cm_net_connect(net_.state, words.text(1), port(words[2]), 5, words[3] == "tls",
-                                      words[3] == "later", out, out_error);
-            });
-        });
-        on("connecta", [this](auto &words) {
-            return connecting(words[0], [&](cm_conn **out, int32_t *out_error) {
-                return cm_net_connecta(net_.state, "127.0.0.1", port(words[1]), 5, 0, 0, out, out_error,
-                                       port(words[2]));
-            });
+            cm_conn *&made = conn(words[0]);
+            const char *const host = words.text(1);
+            int32_t error = -1;
+            const int16_t result =
+                words[3] == "from"
+                    ? cm_net_connecta(net_.state, host, port(words[2]), 5, 0, 0, &made, &error, port(words[4]))
+                    : cm_net_connect(net_.state, host, port(words[2]), 5, words[3] == "tls", words[3] == "later", &made,
+                                     &error);
+            EXPECT_EQ(result, made != nullptr);
+            EXPECT_TRUE(result == 0 || error == 0);
+            return result != 0 ? 1 : error;
         });
         on("take",
            [this](auto &words) { return (conn(words[0]) = cm::net::take_handle(net_.state, 7, true)) != nullptr; });
@@ -233,6 +218,7 @@ private:
             while (blocks < 64 && net_.send(conn(words[0]), block)) blocks++;
             return blocks < 64;
         });
+        on("all-confirmed", [this](auto &words) { return os.socket_all_confirmed(*conn(words[0])->sock); });
         on("limit", [this](auto &words) {
             cm::set_bits_relaxed(conn(words[0])->flags, uint32_t{CM_CONN_KTIMEOUT});
             return os.socket_option(*conn(words[0])->sock, cm::platform::SocketOption::kReceiveTimeout,
@@ -268,24 +254,23 @@ private:
             return cm_net_sendto(net_.state, conn(words[0]), address_of("127.0.0.1"), port(words[1]), words.text(2),
                                  CM_LEN_TEXT);
         });
-        on("recv", [this](auto &words) {
-            return received([&](char *text, int32_t size, int32_t *out_count) {
-                return cm_net_recv(net_.state, conn(words[0]), text, size, number(words, 1, 1), out_count);
-            });
-        });
+        on("recv", [this](auto &words) { return received(words, nullptr, nullptr); });
         on("recvfrom", [this](auto &words) {
             uint32_t address = 0;
             int32_t port = 0;
-            const string text = received([&](char *bytes, int32_t size, int32_t *out_count) {
-                return cm_net_recvfrom(net_.state, conn(words[0]), bytes, size, 1, out_count, &address, &port);
-            });
+            const string text = received(words, &address, &port);
             return named(dotted(address) + ":" + to_string(port) + " ") + text;
         });
     }
-    static string received(const std::function<int16_t(char *, int32_t, int32_t *)> &receive) {
+    string received(const Words &words, uint32_t *out_address, int32_t *out_port) {
         char text[100];
         int32_t count = -1;
-        return receive(text, sizeof text, &count) != 0 ? string(text, static_cast<size_t>(count)) : "(failed)";
+        cm_conn *const from = conn(words[0]);
+        const int16_t result =
+            out_port == nullptr
+                ? cm_net_recv(net_.state, from, text, sizeof text, number(words, 1, 1), &count)
+                : cm_net_recvfrom(net_.state, from, text, sizeof text, 1, &count, out_address, out_port);
+        return result != 0 ? string(text, static_cast<size_t>(count)) : "(failed)";
     }
 
     // ---- peers ------------------------------------------------------------------------------------------------------
