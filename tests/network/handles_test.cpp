@@ -21,7 +21,7 @@ TEST(Table, AHandleIsClearedAndKeepsItsCell) {
     char *const begin = first->peer_text, *const end = reinterpret_cast<char *>(&first->in_call);
     std::fill(begin, end, 'x');
     EXPECT_EQ(cm_net_close(net.state, first, 0), 1);
-    EXPECT_TRUE(net.closed(first));
+    EXPECT_TRUE(cm::net::has_flag(first, CM_CONN_CLOSED));
     ASSERT_EQ(take(net), first);
     EXPECT_EQ(first->sock, cell);
     EXPECT_GT(first->serial, serial);

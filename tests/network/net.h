@@ -45,8 +45,7 @@ struct Host {
 
 class Net {
 public:
-    explicit Net(const char *common = "", const std::function<void(TempFolder &)> &prepare = nullptr)
-        : lib(common, prepare) {
+    explicit Net(const char *common = "") : lib(common) {
         EXPECT_TRUE(lib.ok()) << lib.notices();
         end_threads(lib);
         heard_ = lib.log().size();
@@ -88,7 +87,6 @@ public:
     bool send(cm_conn *conn, const std::string &text) {
         return cm_net_send(state, conn, text.data(), static_cast<int32_t>(text.size())) == 1;
     }
-    bool closed(const cm_conn *conn) const { return net::has_flag(conn, CM_CONN_CLOSED); }
     int32_t open() const { return load_relaxed(state->open_count); }
     std::string trace() { return lib.folder().read("log/network.log"); }
 

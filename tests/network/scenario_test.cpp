@@ -34,7 +34,7 @@ int16_t CM_CALL set_the_clock(cm_context *, const char *, cm_value) {
 //     accept C L [chunked]          visit C L [ADDRESS]    a peer connects and is accepted
 //     connect C HOST PORT [tls|later|from OWN-PORT]    1, or the number of the error
 //     take C                        a handle without a socket
-//     send C TEXT [LENGTH], receive C [SIZE], alive C, flood C (sends until that fails), all-confirmed C
+//     send C TEXT [LENGTH], receive C [SIZE], alive C, all-confirmed C
 //     limit C MS                    by the system
 //     token C, answer C TEXT [LENGTH], putfile C NAME [FIRST LAST], end-body C, encode C chunked|gzip    buffered
 //     fopen C NAME                  what is sent goes to a file of the install folder
@@ -44,10 +44,10 @@ int16_t CM_CALL set_the_clock(cm_context *, const char *, cm_value) {
 //     flags C, tell C FIELD..., same C D, open             open: how many handles are
 // Their peers:
 //     peer C L [ADDRESS], put C TEXT, get C [SIZE], pour C (puts until that fails), end C, reset C
-//     udp U [ADDRESS], datagram U PORT TEXT, got U
+//     udp U [ADDRESS [PORT]], datagram U PORT TEXT, got U
 //     free P, dead P                a port where nobody listens; "dead": which is taken
 // The accept loop, whose handler sends back what comes; for "replace" it closes its connection and takes NEW:
-//     serve L..., polladd L, ask L TEXT, serving, served, hold handlers|names, release, stop, loop-ends
+//     serve L..., polladd L, ask L TEXT, serving, served, hold handlers|names|nobody, stop, loop-ends
 // The whole:
 //     init [tls], exit, shutdown, cancel, initip, called NAME, host NAME [ADDRESS...], host-fails ERROR, state
 //     tasks, run-task NAME, end-scheduler, threads, counters, stop-library; folder NAME, file NAME TEXT, content NAME
@@ -56,7 +56,6 @@ int16_t CM_CALL set_the_clock(cm_context *, const char *, cm_value) {
 // Around another step:
 //     within MS, slept, lingers     how long it sleeps, the linger options that it sets
 //     confirmed 0|1                 whether the system says that all bytes are
-//     as-from ADDRESS               where the first datagram seems to come from
 //     under-way, unanswered         a connect that goes on, one that nobody answers
 class Network : public World {
 public:
@@ -212,12 +211,6 @@ private:
         });
         on("receive", [this](auto &words) { return net_.receive(conn(words[0]), number(words, 1, 4096)); });
         on("alive", [this](auto &words) { return cm_net_isalive(net_.state, conn(words[0])); });
-        on("flood", [this](auto &words) {
-            const string block(1 << 20, 'x');
-            int blocks = 0;
-            while (blocks < 64 && net_.send(conn(words[0]), block)) blocks++;
-            return blocks < 64;
-        });
         on("all-confirmed", [this](auto &words) { return os.socket_all_confirmed(*conn(words[0])->sock); });
         on("limit", [this](auto &words) {
             cm::set_bits_relaxed(conn(words[0])->flags, uint32_t{CM_CONN_KTIMEOUT});
@@ -294,7 +287,8 @@ private:
         on("reset", [this](auto &words) { peers_.at(words[0])->reset(); });
         on("udp", [this](auto &words) {
             auto &made = udps_[words[0]];
-            made = std::make_unique<Udp>(words.count() > 1 ? words.text(1) : "127.0.0.1");
+            made = std::make_unique<Udp>(words.count() > 1 ? words.text(1) : "127.0.0.1",
+                                         words.count() > 2 ? port(words[2]) : 0);
             name_port(words[0], made->port());
         });
         on("datagram", [this](auto &words) { udps_.at(words[0])->send(words[2], port(words[1])); });
@@ -369,7 +363,6 @@ private:
             return next_line("served", served_);
         });
         on("hold", [this](auto &words) { hold(words[0]); });
-        on("release", [this](auto &) { hold(""); });
         on("stop", [this](auto &) { return server_->stop(); });
         on("loop-ends", [this](auto &) { return server_->join(); });
     }
@@ -482,17 +475,6 @@ private:
             });
             run(words);
             return values;
-        });
-        on("as-from", [this](auto &words) {
-            const auto real = os.socket_receive_from;
-            int datagrams = 0;
-            const Replace<&Table::socket_receive_from> receive(
-                [&](auto socket, auto *buffer, auto size, auto wait, auto *count, auto *address, auto *port) {
-                    const Error error = real(socket, buffer, size, wait, count, address, port);
-                    if (datagrams++ == 0) *address = address_of(words.text(0));
-                    return error;
-                });
-            return run(words.from(1));
         });
         on("under-way", [this](auto &words) {
             const auto real = os.socket_connect;

@@ -42,13 +42,14 @@ inline bool eventually(const std::function<bool()> &come_true, int seconds = 20)
     return false;
 }
 
-// Bound to an address of the loopback network and a free port of it; without a listen, nobody can connect there.
+// Bound to an address of the loopback network and a port of it, 0 for a free one; without a listen, nobody can connect
+// there.
 class BareSocket {
 public:
-    explicit BareSocket(SocketKind kind = SocketKind::kStream, const char *from = "127.0.0.1") {
+    explicit BareSocket(SocketKind kind = SocketKind::kStream, const char *from = "127.0.0.1", int32_t port = 0) {
         uint32_t address = 0;
         EXPECT_EQ(os.socket_open(kind, &socket_), 0);
-        EXPECT_EQ(os.socket_bind(socket_, address_of(from), 0), 0);
+        EXPECT_EQ(os.socket_bind(socket_, address_of(from), port), 0);
         EXPECT_EQ(os.socket_local(socket_, &address, &port_), 0);
     }
     ~BareSocket() { close(); }
@@ -111,7 +112,7 @@ private:
 // Sends and receives datagrams behind the back of replaced entries.
 class Udp : public BareSocket {
 public:
-    explicit Udp(const char *from = "127.0.0.1") : BareSocket(SocketKind::kDatagram, from) {
+    explicit Udp(const char *from = "127.0.0.1", int32_t port = 0) : BareSocket(SocketKind::kDatagram, from, port) {
         EXPECT_EQ(os.socket_option(socket(), platform::SocketOption::kIgnorePortUnreachable, 1), 0);
     }
 
