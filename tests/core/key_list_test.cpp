@@ -17,7 +17,7 @@ void CM_CALL destroy(cm_value value) {
 
 // The steps of data/containers.txt: one key table and one list, on the heap or in a pool.
 struct Containers : World {
-    explicit Containers(bool in_pool) {
+    Containers(const Row &, bool in_pool) {
         EXPECT_EQ(cm_mem_init(nullptr, in_pool ? &pool : nullptr, 256), in_pool);
         EXPECT_EQ(cm_create_mutex(nullptr, &lock), 1);
         EXPECT_EQ(cm_key_alloc(nullptr, pool, lock, &keys), 1);
@@ -80,14 +80,8 @@ struct Containers : World {
     cm_list *list = nullptr;
     const char *buffer = nullptr;
 };
-struct OnTheHeap : Containers {
-    explicit OnTheHeap(const Row &) : Containers(false) {}
-};
-struct InAPool : Containers {
-    explicit InAPool(const Row &) : Containers(true) {}
-};
-SCENARIOS(ContainersOnTheHeap, OnTheHeap, "core/containers");
-SCENARIOS(ContainersInAPool, InAPool, "core/containers");
+SCENARIOS(ContainersOnTheHeap, Containers, "core/containers", false);
+SCENARIOS(ContainersInAPool, Containers, "core/containers", true);
 
 TEST(KeyTable, FailuresOfMemory) {
     const std::string no_memory = "Tilvar Server Error: cm_mem_alloc() Failure allocating memory block.\n";

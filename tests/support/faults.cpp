@@ -1,6 +1,4 @@
 #include <atomic>
-#include <mutex>
-#include <unordered_set>
 
 #include "core/cmblocks.h"
 #include "support/support.h"
@@ -116,47 +114,29 @@ int64_t Faults::injected() const {
 
 // ---- LeakCheck ------------------------------------------------------------------------------------------------------
 
-namespace {
+LeakCheck::LeakCheck() {
+    cm::blocks::trim();  // or what is used again would not be counted
+}
 
-Table below_leaks;
-std::mutex blocks_mutex;
-std::unordered_set<void *> blocks;
-
-void *noted(void *block) {
-    std::lock_guard guard(blocks_mutex);
-    if (block != nullptr) blocks.insert(block);
+void *LeakCheck::noted(void *block) {
+    const std::lock_guard guard(mutex_);
+    if (block != nullptr) blocks_.insert(block);
     return block;
 }
 
-}  // namespace
-
-LeakCheck::LeakCheck() : saved_(os) {
-    cm::blocks::trim();  // or a block from before would be counted as one that never came
-    below_leaks = os;
-    std::lock_guard guard(blocks_mutex);
-    blocks.clear();
-    os.allocate = [](size_t bytes) { return noted(below_leaks.allocate(bytes)); };
-    os.allocate_zeroed = [](size_t bytes) { return noted(below_leaks.allocate_zeroed(bytes)); };
-    os.release = [](void *block) {
-        auto *const next = below_leaks.release;  // before the count says that all is given back
-        {
-            std::lock_guard inner(blocks_mutex);
-            blocks.erase(block);
-        }
-        next(block);
-    };
-}
-
-LeakCheck::~LeakCheck() {
-    os.allocate = saved_.allocate;
-    os.allocate_zeroed = saved_.allocate_zeroed;
-    os.release = saved_.release;
+void LeakCheck::forget(void *block) {
+    auto *const release = release_.real;  // before the count says that all is given back
+    {
+        const std::lock_guard guard(mutex_);
+        blocks_.erase(block);
+    }
+    release(block);
 }
 
 size_t LeakCheck::outstanding() const {
     cm::blocks::trim();  // what waits for the next pool is no leak
-    std::lock_guard guard(blocks_mutex);
-    return blocks.size();
+    const std::lock_guard guard(mutex_);
+    return blocks_.size();
 }
 
 }  // namespace cm::test

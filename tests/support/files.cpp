@@ -127,33 +127,13 @@ bool has_symbolic_links() {
     return !error;
 }
 
-bool has_file_to_socket() {
-    size_t sent = 0;
-    return platform::os.socket_send_file(platform::kNoSocket, -1, 0, 1, &sent) != CM_EINVAL;
-}
-
-bool has_full_device() {
-    int32_t descriptor = -1;
-    if (platform::os.file_open("/dev/full", CM_O_WRONLY, &descriptor) != 0) return false;
-    platform::os.file_close(descriptor);
-    return true;
-}
-
 }  // namespace
 
-const char *missing(Feature feature) {
-    const struct {
-        Feature feature;
-        bool (*there)();
-        const char *why_not;
-    } features[] = {
-        {Feature::kFileModes, has_file_modes, "owner and others have the same permissions on this system"},
-        {Feature::kSymbolicLinks, has_symbolic_links, "this system or account makes no symbolic links"},
-        {Feature::kFileToSocket, has_file_to_socket, "this system has no call from a file to a socket"},
-        {Feature::kFullDevice, has_full_device, "this system has no device that is always full"},
-    };
-    for (const auto &[which, there, why_not] : features)
-        if (which == feature && !there()) return why_not;
+const char *missing(std::string_view feature) {
+    if (feature == "file-modes" && !has_file_modes())
+        return "owner and others have the same permissions on this system";
+    if (feature == "symbolic-links" && !has_symbolic_links()) return "this system or account makes no symbolic links";
+    if (feature == "full-device" && !fs::exists("/dev/full")) return "this system has no device that is always full";
     return nullptr;
 }
 

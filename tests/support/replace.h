@@ -2,8 +2,8 @@
 //
 //     const Replace<&platform::Table::sleep> sleep([&](int32_t ms) { return slept += ms, true; });
 //
-// The function may call what it found in the table before.  There is at most one of each entry and level at a time; one
-// within the life of another takes the next level.
+// The function may call what it found in the table before, as `real`.  One within the life of another of the same entry
+// takes the next level when it does so.
 #pragma once
 
 #include <functional>
@@ -19,13 +19,13 @@ class Replace;
 template <class Result, class... Arguments, Result (*platform::Table::*kEntry)(Arguments...), int kLevel>
 class Replace<kEntry, kLevel> {
 public:
-    explicit Replace(std::function<Result(Arguments...)> instead) : real(platform::os.*kEntry) {
-        instead_ = std::move(instead);
+    explicit Replace(std::function<Result(Arguments...)> instead)
+        : real(platform::os.*kEntry), before_(std::exchange(instead_, std::move(instead))) {
         platform::os.*kEntry = [](Arguments... arguments) { return instead_(arguments...); };
     }
     ~Replace() {
         platform::os.*kEntry = real;
-        instead_ = nullptr;
+        instead_ = std::move(before_);
     }
     Replace(const Replace &) = delete;
     Replace &operator=(const Replace &) = delete;
@@ -33,7 +33,12 @@ public:
     Result (*const real)(Arguments...);
 
 private:
+    std::function<Result(Arguments...)> before_;
     inline static std::function<Result(Arguments...)> instead_;
 };
+
+// A level for the helpers of all tests.
+template <auto kEntry>
+using Underneath = Replace<kEntry, -1>;
 
 }  // namespace cm::test

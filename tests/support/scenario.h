@@ -16,13 +16,14 @@
 //     };
 //     SCENARIOS(Reading, Files, "files/reading");
 //
+// What stands behind the name of the file goes to the constructor too, for the same cases in several kinds of a world.
+//
 // A verb gives a text, a number, or nothing (1); a world may override shown() to add to it what is the same for all
 // steps, as the messages that were told meanwhile.  Every world knows besides:
 //
 //     until STEP                 repeats the step until it gives the result
 //     fail GROUP K STEP          the k-th call of this group fails during the step; "K+": all from the k-th on
-//     needs FEATURE              skips the case where the system lacks it: file-modes, symbolic-links, full-device or
-//                                file-to-socket
+//     needs FEATURE              skips the case where the system lacks it: file-modes, symbolic-links or full-device
 //     meanwhile STEP             runs the step on a thread of its own; its result is looked at by "join"
 //     join                       waits for these threads
 #pragma once
@@ -158,11 +159,7 @@ private:
         } else if (words[0] == "join") {
             join();
         } else if (words[0] == "needs") {
-            static const std::map<std::string, Feature> features = {{"file-modes", Feature::kFileModes},
-                                                                    {"symbolic-links", Feature::kSymbolicLinks},
-                                                                    {"file-to-socket", Feature::kFileToSocket},
-                                                                    {"full-device", Feature::kFullDevice}};
-            if (const char *why = missing(features.at(words[1]))) GTEST_SKIP() << why;
+            if (const char *why = missing(words[1])) GTEST_SKIP() << why;
         } else {
             EXPECT_EQ(run(words), expected);
         }
@@ -182,10 +179,10 @@ private:
 
 }  // namespace cm::test
 
-#define SCENARIOS(Suite, Type, file)                          \
-    class Suite : public testing::TestWithParam<Scenario> {}; \
-    TEST_P(Suite, Case) {                                     \
-        Type world(GetParam().head);                          \
-        world.play(GetParam());                               \
-    }                                                         \
+#define SCENARIOS(Suite, Type, file, ...)                       \
+    class Suite : public testing::TestWithParam<Scenario> {};   \
+    TEST_P(Suite, Case) {                                       \
+        Type world(GetParam().head __VA_OPT__(, ) __VA_ARGS__); \
+        world.play(GetParam());                                 \
+    }                                                           \
     INSTANTIATE_TEST_SUITE_P(, Suite, testing::ValuesIn(scenarios(file)), scenario_name)

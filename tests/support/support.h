@@ -10,11 +10,15 @@
 #include <atomic>
 #include <functional>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/platform.h"
+#include "support/replace.h"
 
 namespace cm::test {
 
@@ -54,16 +58,9 @@ std::vector<std::string> log_lines(const std::string &path);
 
 // ---- what a system has ----------------------------------------------------------------------------------------------
 
-enum class Feature {
-    kFileModes,  // permissions of owner and others apart
-    kSymbolicLinks,
-    kFileToSocket,  // socket_send_file
-    kFullDevice     // a device without room for anything
-};
-
-// Null, or why a test that needs it is skipped:
-//     if (const char *why = missing(Feature::kFileModes)) GTEST_SKIP() << why;
-const char *missing(Feature feature);
+// Null, or why a test that needs "file-modes" (permissions of owner and others apart), "symbolic-links" or
+// "full-device" (one without room for anything) is skipped.
+const char *missing(std::string_view feature);
 
 // ---- failures -------------------------------------------------------------------------------------------------------
 
@@ -111,12 +108,18 @@ private:
 class LeakCheck : Pinned {
 public:
     LeakCheck();
-    ~LeakCheck();
 
     size_t outstanding() const;
 
 private:
-    platform::Table saved_;
+    void *noted(void *block);
+    void forget(void *block);
+
+    mutable std::mutex mutex_;  // guards the blocks
+    std::unordered_set<void *> blocks_;
+    const Underneath<&platform::Table::allocate> allocate_{[this](size_t n) { return noted(allocate_.real(n)); }};
+    const Underneath<&platform::Table::allocate_zeroed> zeroed_{[this](size_t n) { return noted(zeroed_.real(n)); }};
+    const Underneath<&platform::Table::release> release_{[this](void *block) { forget(block); }};
 };
 
 // ---- time -----------------------------------------------------------------------------------------------------------
@@ -173,19 +176,25 @@ public:
     std::string text() const;  // the same, all of them, each with "\n"
 
 private:
-    platform::Table saved_;
+    struct State;
+    const std::unique_ptr<State> state_;
 };
 
 // Keeps what is written to the standard error stream through the table.
 class StandardErrorCapture : Pinned {
 public:
-    StandardErrorCapture();
-    ~StandardErrorCapture();
-
-    std::string text() const;
+    std::string text() const {
+        const std::lock_guard guard(mutex_);
+        return text_;
+    }
 
 private:
-    platform::Table saved_;
+    mutable std::mutex mutex_;
+    std::string text_;
+    const Underneath<&platform::Table::write_standard_error> write_{[this](const char *text, size_t length) {
+        const std::lock_guard guard(mutex_);
+        text_.append(text, length);
+    }};
 };
 
 std::string captured_standard_error(const std::function<void()> &run);
@@ -193,11 +202,15 @@ std::string captured_standard_error(const std::function<void()> &run);
 // Replaces environment variables; names that are not given stay as they are, an empty value means not set.
 class Environment : Pinned {
 public:
-    explicit Environment(std::map<std::string, std::string> values);
-    ~Environment();
+    explicit Environment(std::map<std::string, std::string> values) : values_(std::move(values)) {}
 
 private:
-    platform::Table saved_;
+    const std::map<std::string, std::string> values_;
+    const Underneath<&platform::Table::environment> find_{[this](const char *name) -> const char * {
+        const auto found = values_.find(name);
+        if (found == values_.end()) return find_.real(name);
+        return found->second.empty() ? nullptr : found->second.c_str();
+    }};
 };
 
 // ---- a started library ----------------------------------------------------------------------------------------------
