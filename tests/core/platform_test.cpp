@@ -3,76 +3,44 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <string.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <thread>
 
-#include "support/data.h"
-#include "support/sockets.h"
-#include "support/support.h"
+#include "support/scenario.h"
 
 namespace cm::platform {
 namespace {
 
-using test::BareSocket;
-using test::Faults;
-using test::Peer;
-using test::TempFolder;
-using test::Udp;
+using namespace test;
 
 constexpr int32_t kPatience = 20000;  // ms; only a failing test waits that long
 
 // ---- sockets --------------------------------------------------------------------------------------------------------
 
-struct Listener : BareSocket {
-    Listener() { EXPECT_EQ(os.socket_listen(socket(), 16), 0); }
-    Error accept(cm_socket *out) {
-        uint32_t address = 0;
-        int32_t port = 0;
-        return os.socket_accept(socket(), out, &address, &port);
-    }
-};
-
-struct Pair {
-    Listener listener;
-    Peer client{listener.port()};
-    cm_socket server = kNoSocket;
-    Pair() { EXPECT_EQ(listener.accept(&server), 0); }
-    ~Pair() { os.socket_close(server); }
-};
-
-Error receive(cm_socket socket) {
-    char byte;
-    size_t got = 0;
-    return os.socket_receive(socket, &byte, 1, false, &got);
-}
-
-bool is_readable(cm_socket socket, int32_t timeout_ms = kPatience) {
-    WaitItem item = {socket, false, false, false};
-    int32_t ready = 0;
-    return os.socket_wait(&item, 1, timeout_ms, &ready) == 0 && ready == 1 && item.ready;
-}
-
 TEST(Sockets, DatagramsThatDoNotFitAndDeadPorts) {
     Udp from, to;
-    const uint32_t loopback = test::address_of("127.0.0.1");
-    const std::string huge(100000, 'x');
-    char buffer[8];
-    size_t got = 99;
-    uint32_t address = 0;
-    int32_t sender = 0;
+    const auto receive = [&](bool only_what_is_there) {
+        char buffer[8];
+        size_t got = 99;
+        uint32_t address = 0;
+        int32_t sender = 0;
+        const Error error = os.socket_receive_from(to.socket(), buffer, 8, only_what_is_there, &got, &address, &sender);
+        EXPECT_EQ(got, 99u);
+        return error;
+    };
     from.send("123456789", to.port());
-    EXPECT_EQ(os.socket_receive_from(to.socket(), buffer, sizeof buffer, false, &got, &address, &sender), CM_EMSGSIZE);
-    EXPECT_EQ(got, 99u);
-    EXPECT_EQ(os.socket_receive_from(to.socket(), buffer, 8, true, &got, &address, &sender), CM_EWOULDBLOCK);
-    EXPECT_EQ(os.socket_send_to(from.socket(), loopback, to.port(), huge.data(), huge.size()), CM_EMSGSIZE);
-    const int32_t dead = to.port();
+    EXPECT_EQ(receive(false), CM_EMSGSIZE);
+    EXPECT_EQ(receive(true), CM_EWOULDBLOCK);
+    const std::string huge(100000, 'x');
+    EXPECT_EQ(os.socket_send_to(from.socket(), address_of("127.0.0.1"), to.port(), huge.data(), huge.size()),
+              CM_EMSGSIZE);
     to.close();
-    from.send("x", dead);
-    EXPECT_FALSE(is_readable(from.socket(), 50));
+    from.send("x", to.port());
+    EXPECT_FALSE(from.readable(50));
 }
 
 TEST(Sockets, WaitOnManyAndOnNone) {
@@ -81,9 +49,10 @@ TEST(Sockets, WaitOnManyAndOnNone) {
     EXPECT_EQ(os.socket_wait(items.data(), 100, 0, &ready), 0);
     EXPECT_EQ(ready, 0);
     EXPECT_FALSE(items[50].ready || items[50].failed);
-    Pair pair;
-    pair.client.close();
-    items[97].socket = pair.server;
+    const BareSocket listener;
+    EXPECT_EQ(os.socket_listen(listener.socket(), 16), 0);
+    const Peer client(listener.port());
+    items[97].socket = listener.socket();
     EXPECT_EQ(os.socket_wait(items.data(), 100, kPatience, &ready), 0);
     EXPECT_EQ(ready, 1);
     EXPECT_TRUE(items[97].ready && !items[97].failed);
@@ -95,10 +64,15 @@ TEST(Sockets, WaitOnManyAndOnNone) {
 TEST(Sockets, WakeStaysSetUntilCleared) {
     Wake wake;
     ASSERT_EQ(os.wake_create(&wake), 0);
+    const auto is_set = [&](int32_t timeout_ms) {
+        WaitItem item = {wake.read_end, false, false, false};
+        int32_t ready = 0;
+        return os.socket_wait(&item, 1, timeout_ms, &ready) == 0 && ready == 1 && item.ready;
+    };
     for (int round = 0; round < 2; round++) {
-        EXPECT_FALSE(is_readable(wake.read_end, 0));
+        EXPECT_FALSE(is_set(0));
         std::thread other([&] { os.wake_set(&wake); });
-        EXPECT_TRUE(is_readable(wake.read_end) && is_readable(wake.read_end));
+        EXPECT_TRUE(is_set(kPatience) && is_set(kPatience));
         other.join();
         os.wake_set(&wake);
         os.wake_clear(&wake);
@@ -133,7 +107,6 @@ protected:
         os.event_destroy(done);
     }
     Event *const event = os.event_create(), *const done = os.event_create();
-    Pair pair;
 };
 
 // An event remembers one signal, and as many come out as were given, whatever times out meanwhile.
@@ -164,39 +137,36 @@ TEST_F(Threads, NoSignalIsLostOrDoubled) {
 }
 
 TEST_F(Threads, EveryWaitComesBackWhenAsked) {
-    Udp datagrams;
+    const Udp datagrams;
+    const BareSocket idle, silent;
+    for (const BareSocket *listener : {&idle, &silent}) EXPECT_EQ(os.socket_listen(listener->socket(), 16), 0);
+    const Peer client(silent.port());
     cm_socket none = kNoSocket;
     char byte;
     size_t got = 0;
-    uint32_t address = 0;
+    uint32_t from = 0;
     int32_t number = 0;
-    WaitItem item = {pair.server, false, false, false};
-    const struct {
-        const char *name;
-        std::function<bool()> comes_back;
-    } waits[] = {{"sleep", [] { return !os.sleep(3600000); }},
-                 {"event", [&] { return !os.event_wait(event, kForever); }},
-                 {"timed event", [&] { return !os.event_wait(event, 3600000); }},
-                 {"socket_wait", [&] { return os.socket_wait(&item, 1, kForever, &number) == CM_EINTR; }},
-                 {"receive", [&] { return receive(pair.server) == CM_EINTR; }},
-                 {"accept", [&] { return pair.listener.accept(&none) == CM_EINTR; }},
-                 {"receive_from", [&] {
-                      return os.socket_receive_from(datagrams.socket(), &byte, 1, false, &got, &address, &number) ==
-                             CM_EINTR;
-                  }}};
-    for (const auto &wait : waits) {
+    WaitItem item = {client.socket(), false, false, false};
+    const std::map<const char *, std::function<bool()>> waits = {
+        {"sleep", [] { return !os.sleep(3600000); }},
+        {"event", [&] { return !os.event_wait(event, kForever); }},
+        {"timed event", [&] { return !os.event_wait(event, 3600000); }},
+        {"wait", [&] { return os.socket_wait(&item, 1, kForever, &number) == CM_EINTR; }},
+        {"accept", [&] { return os.socket_accept(idle.socket(), &none, &from, &number) == CM_EINTR; }},
+        {"receive", [&] { return os.socket_receive(client.socket(), &byte, 1, false, &got) == CM_EINTR; }},
+        {"datagram", [&] {
+             return os.socket_receive_from(datagrams.socket(), &byte, 1, false, &got, &from, &number) == CM_EINTR;
+         }}};
+    for (const auto &[name, comes_back] : waits) {
         // Asked at once, on its way into the wait, and while it waits.
         for (const int delay_ms : {0, 0, 0, 0, 1, 20}) {
             bool right = false;
             {
-                Runner runner([&] { right = wait.comes_back() && wait.comes_back() && os.thread_asked(); });
+                Runner runner([&, &wait = comes_back] { right = wait() && wait() && os.thread_asked(); });
                 if (delay_ms > 0) os.sleep(delay_ms);
             }
-            EXPECT_TRUE(right) << wait.name;
+            EXPECT_TRUE(right) << name;
         }
-    }
-    {
-        Runner waiter([&] { os.event_wait(event, kForever); });
     }
     os.event_set(event);
     EXPECT_TRUE(os.event_wait(event, 0)) << "asking leaves a signal for others";
@@ -300,16 +270,61 @@ TEST_F(Threads, ParkingAmidAllocationsHarmsNobody) {
 
 // ---- files and processes --------------------------------------------------------------------------------------------
 
-class System : public testing::Test {
-protected:
+// The steps of data/system.txt.
+struct System : World {
+    explicit System(const Row & = {}) {
+        on("put", [this](auto &words) { folder.write(words[0], ""); });
+        on("run", [this](auto &words) { return run_command(words.rest(0)); });
+        for (const auto &[verb, flags] : {std::pair("read", CM_O_RDONLY),
+                                          {"write", CM_O_WRONLY},
+                                          {"change", CM_O_RDWR},
+                                          {"create", CM_O_RDWR | CM_O_CREAT}})
+            on(verb, [this, flags = flags](auto &words) {
+                int32_t descriptor = -1;
+                return os.file_open(at(words[0]).c_str(), flags, &descriptor) == 0 && os.file_close(descriptor) == 0;
+            });
+        on("write-to-full-device", [](auto &) {
+            int32_t descriptor = -1;
+            size_t written = 99;
+            EXPECT_EQ(os.file_open("/dev/full", CM_O_WRONLY, &descriptor), 0);
+            const Error error = os.file_write(descriptor, "x", 1, &written);
+            return std::to_string(error) + " " + std::to_string(written + os.file_close(descriptor));
+        });
+        on("exists", [this](auto &words) { return os.path_access(at(words[0]).c_str(), CM_ACCESS_EXISTS) == 0; });
+        on("status", [this](auto &words) {
+            FileStatus status = {};
+            return os.path_status(at(words[0]).c_str(), true, &status) == 0;
+        });
+        on("link", [this](auto &words) { return os.path_link(at(words[0]).c_str(), at(words[1]).c_str()) == 0; });
+        on("remove", [this](auto &words) { return os.path_remove(at(words[0]).c_str()) == 0; });
+        on("make", [this](auto &words) { return os.directory_create(at(words[0]).c_str()) == 0; });
+        on("unmake", [this](auto &words) { return os.directory_remove(at(words[0]).c_str()) == 0; });
+        on("list", [this](auto &words) -> std::string {
+            void *search = nullptr;
+            std::string all, name(static_cast<size_t>(words.number(1)), ' ');
+            if (os.directory_open(at(words[0]).c_str(), &search) != 0) return "-";
+            while (os.directory_next(search, name.data(), name.size()))
+                if (name[0] != '.') all += name.c_str();
+            os.directory_close(search);
+            std::sort(all.begin(), all.end());
+            return all;
+        });
+    }
+    std::string at(std::string path) const {
+        for (size_t found; (found = path.find('~')) != path.npos;) path.replace(found, 1, folder.path());
+        return path;
+    }
     // What a command prints, all in one line, with what it prints as errors behind "!", and "= code" unless that is 0.
-    std::string run(const std::string &command, const char *directory = nullptr, bool with_input = true) const {
+    std::string run_command(std::string command, const char *directory = nullptr, const char *input = "in") const {
+        for (const auto &[word, text] : {std::pair("@", '"' + child_program() + '"'), {"%", child_program()}})
+            if (const size_t found = command.find(word); found != command.npos) command.replace(found, 1, text);
         int32_t standard[3] = {-1, -1, -1}, code = -77;
-        if (with_input) os.file_open(folder.write("in", "some input").c_str(), CM_O_RDONLY, &standard[0]);
-        os.file_open(folder.path("out").c_str(), CM_O_WRONLY | CM_O_CREAT | CM_O_TRUNC, &standard[1]);
-        os.file_open(folder.path("err").c_str(), CM_O_WRONLY | CM_O_CREAT | CM_O_TRUNC, &standard[2]);
+        constexpr int32_t kNew = CM_O_WRONLY | CM_O_CREAT | CM_O_TRUNC;
+        if (input != nullptr) os.file_open(folder.write(input, "some input").c_str(), CM_O_RDONLY, &standard[0]);
+        os.file_open(folder.path("out").c_str(), kNew, &standard[1]);
+        os.file_open(folder.path("err").c_str(), kNew, &standard[2]);
         Process *process = nullptr;
-        const Error error = os.process_start(command.c_str(), directory, standard, &process);
+        const Error error = os.process_start(at(command).c_str(), directory, standard, &process);
         for (const int32_t descriptor : standard) os.file_close(descriptor);
         EXPECT_EQ(error != 0, process == nullptr);
         if (error != 0) return "not started";
@@ -317,83 +332,20 @@ protected:
         os.process_release(process);
         const std::string errors = folder.read("err");
         std::string said;
-        for (const std::string &line : test::lines_of(folder.read("out"))) said += line;
+        for (const std::string &line : lines_of(folder.read("out"))) said += line;
         return said + (errors.empty() ? "" : "!" + errors) + (code == 0 ? "" : "= " + std::to_string(code));
-    }
-    Error open_error(const std::string &path, int32_t flags) const {
-        int32_t descriptor = -1;
-        const Error error = os.file_open(path.c_str(), flags, &descriptor);
-        if (error == 0) os.file_close(descriptor);
-        return error;
     }
 
     TempFolder folder;
 };
+SCENARIOS(SystemSteps, System, "core/system");
 
-TEST_F(System, CommandsAreSplitAsOnWindowsAndGetTheirStreams) {
-    const std::string child = "\"" + test::child_program() + "\"";
-    folder.write("no_program", "x");
-    for (const test::Row &row : test::rows("core/commands")) {
-        std::string command = row[0];
-        for (const auto &[word, text] : {std::pair("@", child), {"%", test::child_program()}, {"~", folder.path()}})
-            if (const size_t at = command.find(word); at != command.npos) command.replace(at, 1, text);
-        EXPECT_EQ(run(command), row[1]) << row.where;
-    }
-    EXPECT_EQ(run(child + " exit 0", folder.path("missing").c_str()), "not started");
-    EXPECT_EQ(run(child + " echo", nullptr, false), "") << "a null input ends at once";
-}
-
-TEST_F(System, OnlyFilesAndDevicesAreOpened) {
-    EXPECT_NE(open_error(folder.path("new"), CM_O_RDWR), 0);
-    EXPECT_NE(open_error(folder.path(), CM_O_RDONLY), 0);
-    EXPECT_NE(open_error(folder.path() + "/", CM_O_RDONLY), 0);
-    const std::string fifo = folder.path("fifo");
-    if (run("mkfifo " + fifo) == "not started") return;  // no such thing here, nor the other
-    // Without waiting for whoever opens the other end.
-    for (const int32_t flags : {CM_O_RDONLY, CM_O_WRONLY, CM_O_RDWR | CM_O_CREAT})
-        EXPECT_NE(open_error(fifo, flags), 0);
-    int32_t full = -1;
-    size_t written = 99;
-    ASSERT_EQ(os.file_open("/dev/full", CM_O_WRONLY, &full), 0);
-    EXPECT_EQ(os.file_write(full, "x", 1, &written), Faults::kNoSpace);
-    EXPECT_EQ(written, 0u);
-    os.file_close(full);
-}
-
-TEST_F(System, NamesAndEndingSeparators) {
-    const std::string a = folder.write("a", "a"), b = folder.write("b", "b"), sub = folder.path("sub") + "/";
-    FileStatus status = {};
-    EXPECT_EQ(os.directory_create(sub.c_str()), 0);
-    EXPECT_EQ(os.path_access(sub.c_str(), CM_ACCESS_EXISTS), 0);
-    EXPECT_EQ(os.path_status((a + "/").c_str(), true, &status), 0);  // one separator is ignored, as Windows sides must
-    EXPECT_EQ(os.path_status("/", true, &status), 0);
-    EXPECT_NE(os.path_status(folder.path(std::string(5000, 'x') + "/").c_str(), true, &status), 0);
-    EXPECT_NE(os.path_link(a.c_str(), b.c_str()), 0);
-    EXPECT_NE(os.path_remove(sub.c_str()), 0);
-    EXPECT_EQ(os.directory_remove(sub.c_str()), 0);
-    EXPECT_NE(os.directory_remove(folder.path().c_str()), 0);
-    void *search = nullptr;
-    ASSERT_EQ(os.directory_open(folder.path().c_str(), &search), 0);
-    char name[2];
-    std::string seen;
-    folder.write("a longer name", "");
-    while (os.directory_next(search, name, sizeof name))
-        if (name[0] != '.') seen += name;
-    os.directory_close(search);
-    EXPECT_TRUE(seen == "ab" || seen == "ba") << seen << ": longer names are skipped";
-    EXPECT_NE(os.directory_open(sub.c_str(), &search), 0);
-}
-
-// A new entry of the table is either failed by Faults or known here not to be fallible.
-TEST(Failures, EveryFallibleEntryCanBeFailed) {
-    constexpr int kNeverFail = 40;
-    Faults faults(Faults::kBoth, 0);
-    uintptr_t now[sizeof(Table) / sizeof(uintptr_t)], before[std::size(now)];
-    memcpy(now, &os, sizeof os);
-    memcpy(before, &kSystem, sizeof kSystem);
-    int untouched = 0;
-    for (size_t i = 0; i < std::size(now); i++) untouched += now[i] == before[i];
-    EXPECT_EQ(untouched, kNeverFail);
+TEST(Commands, AreSplitAsOnWindowsAndGetTheirStreams) {
+    const System system;
+    system.folder.write("no_program", "x");
+    for (const Row &row : rows("core/commands")) EXPECT_EQ(system.run_command(row[0]), row[1]) << row.where;
+    EXPECT_EQ(system.run_command("@ exit 0", system.at("~/missing").c_str()), "not started");
+    EXPECT_EQ(system.run_command("@ echo", nullptr, nullptr), "") << "a null input ends at once";
 }
 
 }  // namespace
