@@ -1,11 +1,10 @@
 // The ciphers: published vectors, the C library's crypt beside ours, and what a stored value must survive.
-#include <gtest/gtest.h>
-
 #include <cstring>
+#include <numeric>
 #include <random>
-#include <string>
 
 #include "formats/cmcipher.h"
+#include "support/data.h"
 #include "support/support.h"
 #include "tilvarcm.h"
 
@@ -14,6 +13,8 @@ extern "C" char *crypt(const char *key, const char *salt);
 #endif
 
 namespace {
+
+using cm::test::Row, cm::test::rows;
 
 class Cipher : public testing::Test {
 protected:
@@ -44,19 +45,15 @@ protected:
     cm_context ctx_{};
 };
 
-TEST_F(Cipher, StreamIsTheOneOfTheStandard) {  // RFC 8439, 2.4.2
-    std::string hex, text =
-                         "Ladies and Gentlemen of the class of '99: If I could offer you only one tip for the future, "
-                         "sunscreen would be it.";
+TEST_F(Cipher, StreamIsTheOneOfTheStandard) {
     uint8_t key[32];
-    for (uint8_t i = 0; i < 32; i++) key[i] = i;
+    std::iota(std::begin(key), std::end(key), uint8_t{0});
     const uint8_t nonce[12] = {0, 0, 0, 0, 0, 0, 0, 0x4a, 0, 0, 0, 0};
-    cm::cipher::chacha20(key, nonce, 1, {reinterpret_cast<uint8_t *>(text.data()), text.size()});
-    for (const char c : text) hex += {"0123456789abcdef"[uint8_t(c) >> 4], "0123456789abcdef"[c & 15]};
-    EXPECT_EQ(hex,
-              "6e2e359a2568f98041ba0728dd0d6981e97e7aec1d4360c20a27afccfd9fae0bf91b65c5524733ab8f593dabcd62b357"
-              "1639d624e65152ab8f530c359f0861d807ca0dbf500d6a6156a38e088a22b65e52bc514d16ccf806818ce91ab7793736"
-              "5af90bbf74a35be6b40b8eedf2785e42874d");
+    for (const Row &row : rows("core/chacha")) {
+        std::string text = row[0];
+        cm::cipher::chacha20(key, nonce, 1, {reinterpret_cast<uint8_t *>(text.data()), text.size()});
+        EXPECT_EQ(text, row[1]) << row.where;
+    }
 }
 
 TEST_F(Cipher, EveryLengthComesBackInItsBuffer) {
@@ -114,16 +111,13 @@ TEST_F(Cipher, FailuresSayWhy) {
 }
 
 TEST(Crypt, KnownPasswordsAndDrawnSalts) {
-    const char *const rows[][3] = {{"rasmuslerdorf", "rl", "rl.3StKT.4T8M"},
-                                   {"foob", "ar", "arlEKn0OzVJn."},
-                                   {"foob", "arlEKn0OzVJn.", "arlEKn0OzVJn."},
-                                   {"", "..", "..X8NBuQ4l6uQ"}};
     char out[14], again[14];
-    for (const auto &[text, salt, result] : rows) {
-        ASSERT_EQ(cm_crypt(text, salt, out, sizeof out), 1);
-        EXPECT_STREQ(out, result);
-        ASSERT_EQ(cm_crypt(text, out, out, sizeof out), 1) << "a stored text checked in place";
-        EXPECT_STREQ(out, result);
+    for (const Row &row : rows("core/crypt")) {
+        const std::string result = cm_crypt(row.text(0), row.text(1), out, sizeof out) == 1 ? out : "refused";
+        EXPECT_EQ(result, row[2]) << row.where;
+        if (result == "refused") continue;
+        EXPECT_EQ(cm_crypt(row.text(0), out, out, sizeof out), 1) << "a stored text checked in place";
+        EXPECT_EQ(out, result);
     }
     std::string salts;
     for (int i = 0; i < 20; i++) {
@@ -133,8 +127,6 @@ TEST(Crypt, KnownPasswordsAndDrawnSalts) {
         salts.append(out, 2);
     }
     EXPECT_NE(salts.find_first_not_of(salts.substr(0, 2)), salts.npos);
-    for (const char *salt : {"a", "a!", "$1$", ":a", "\xC4z"})
-        EXPECT_EQ(cm_crypt("x", salt, out, sizeof out), 0) << salt;
     EXPECT_EQ(cm_crypt("x", "ab", out, 13), 0);
     EXPECT_EQ(cm_crypt(nullptr, "ab", out, sizeof out), 0);
 }
