@@ -212,24 +212,13 @@ struct Schedules : World {
     cm_cron *const scheduler = scheduler_by_hand(library.ctx());
 };
 SCENARIOS(ScheduleScenarios, Schedules, "schedule/scheduler");
+SCENARIOS(Registration, Schedules, "schedule/registration");
 SCENARIOS(ScheduleFile, Schedules, "schedule/schedule");
 
-// The period as it is kept; "-": failed; "nothing": done, and there is none.
-string registered(cm_context *ctx, const char *name, bool with_function, const char *period) {
-    ctx->cron->periodic = nullptr;
-    const int16_t result = cm_cron_task(ctx, name, with_function ? note : nullptr, 0, 101, 0, period);
-    const cm_cron_rec *task = ctx->cron->periodic;
-    EXPECT_TRUE(result == 1 || task == nullptr);
-    return result != 1 ? "-" : task == nullptr ? "nothing" : task->period;
-}
-
-TEST(Schedule, Registration) {
+TEST(Schedule, NullArguments) {
     const Library library;
-    scheduler_by_hand(library);
-    for (const Row &row : rows("schedule/registration"))
-        for (const bool with_function : {true, false})
-            EXPECT_EQ(registered(library, "task", with_function, row.text(0)), row[with_function ? 1 : 2]) << row.where;
-    EXPECT_EQ(registered(library, nullptr, true, "hourly") + registered(library, "task", true, nullptr), "--");
+    EXPECT_EQ(cm_cron_task(library, nullptr, note, 0, 101, 0, "hourly"), 0);
+    EXPECT_EQ(cm_cron_task(library, "task", note, 0, 101, 0, nullptr), 0);
     EXPECT_EQ(cm_cron_task(nullptr, "task", note, 0, 101, 0, "hourly"), 0);
     EXPECT_EQ(cm_cron_init(nullptr) + cm_cron_start(nullptr) + cm_cron_stop(nullptr), 0);
     EXPECT_EQ(cm_cron_func(library, nullptr, note) + cm_cron_func(library, "x", nullptr), 0);
