@@ -4,7 +4,8 @@
 #include <map>
 #include <thread>
 
-#include "schedule/scheduler.h"
+#include "core/cmthread.h"
+#include "files/cmcron.h"
 #include "support/failures.h"
 #include "support/scenario.h"
 
@@ -31,6 +32,15 @@ std::atomic<int> pages_freed;
 void CM_CALL free_page(void *data) {
     pages_freed++;
     delete static_cast<string *>(data);
+}
+
+// A scheduler without a thread in the place of the library's own.
+void scheduler_by_hand(cm_context *ctx) {
+    static cm_thread nobody;
+    EXPECT_TRUE(ctx->cron == nullptr || ctx->cron->thread == &nobody || cm_terminate_thread(ctx->cron->thread) == 1);
+    ctx->cron = nullptr;
+    EXPECT_EQ(cm_cron_init(ctx), 1);
+    ctx->cron->thread = &nobody;
 }
 
 // The steps of data/steps.txt.
