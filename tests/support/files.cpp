@@ -1,3 +1,5 @@
+#include <string.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -127,6 +129,23 @@ bool has_symbolic_links() {
     return !error;
 }
 
+bool has_ports_by_address() {
+    using platform::os;
+    constexpr unsigned char kHosts[][4] = {{127, 0, 0, 1}, {127, 0, 0, 2}};
+    cm_socket sockets[] = {platform::kNoSocket, platform::kNoSocket};
+    bool both = os.network_start() == 0;
+    for (int32_t i = 0, port = 0; i < 2 && both; i++) {
+        uint32_t host = 0;
+        memcpy(&host, kHosts[i], sizeof host);
+        both = os.socket_open(platform::SocketKind::kDatagram, &sockets[i]) == 0 &&
+               os.socket_bind(sockets[i], host, port) == 0 && os.socket_local(sockets[i], &host, &port) == 0;
+    }
+    for (const cm_socket socket : sockets)
+        if (socket != platform::kNoSocket) os.socket_close(socket);
+    os.network_stop();
+    return both;
+}
+
 }  // namespace
 
 const char *missing(std::string_view feature) {
@@ -134,6 +153,8 @@ const char *missing(std::string_view feature) {
         return "owner and others have the same permissions on this system";
     if (feature == "symbolic-links" && !has_symbolic_links()) return "this system or account makes no symbolic links";
     if (feature == "full-device" && !fs::exists("/dev/full")) return "this system has no device that is always full";
+    if (feature == "ports-by-address" && !has_ports_by_address())
+        return "a port that is taken on one address of this host is taken on all";
     return nullptr;
 }
 

@@ -23,7 +23,8 @@
 //
 //     until STEP                 repeats the step until it gives the result
 //     fail GROUP K STEP          the k-th call of this group fails during the step; "K+": all from the k-th on
-//     needs FEATURE              skips the case where the system lacks it: file-modes, symbolic-links or full-device
+//     needs FEATURE              skips the case where the system lacks it: file-modes, symbolic-links,
+//                                full-device or ports-by-address
 //     meanwhile STEP             runs the step on a thread of its own; its result is looked at by "join"
 //     join                       waits for these threads
 #pragma once

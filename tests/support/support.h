@@ -58,8 +58,8 @@ std::vector<std::string> log_lines(const std::string &path);
 
 // ---- what a system has ----------------------------------------------------------------------------------------------
 
-// Null, or why a test that needs "file-modes" (permissions of owner and others apart), "symbolic-links" or
-// "full-device" (one without room for anything) is skipped.
+// Null, or why a test that needs "file-modes" (permissions of owner and others apart), "symbolic-links",
+// "full-device" (one without room for anything) or "ports-by-address" (one port, taken on each address) is skipped.
 const char *missing(std::string_view feature);
 
 // ---- failures -------------------------------------------------------------------------------------------------------
