@@ -37,7 +37,7 @@
 extern "C" {
 #endif
 
-#if defined(_WIN32)
+#if defined(__declspec) || !defined(__GNUC__) /* compilers that export by declaration */
 #  ifdef TILVARCM_BUILD
 #    define CM_API __declspec(dllexport)
 #  else
@@ -48,7 +48,7 @@ extern "C" {
 #  define CM_API __attribute__((visibility("default")))
 #  define CM_CALL
 #endif
-#if defined(__GNUC__) && defined(_WIN32)
+#if defined(__GNUC__) && defined(__declspec)
 #  define CM_PRINTF(text, first) __attribute__((__format__(__gnu_printf__, text, first)))
 #elif defined(__GNUC__)
 #  define CM_PRINTF(text, first) __attribute__((__format__(__printf__, text, first)))
